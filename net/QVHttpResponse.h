@@ -22,7 +22,8 @@ public:
     /** @brief The status code, or 0 while the head is incomplete or its status line unreadable. */
     quint32 statusCode() const { return status; }
 
-    /** @brief Every header field in order of first appearance; repeated names are joined with ", ". */
+    /** @brief Every header field in order of first appearance; repeated names are joined with ", ".
+     */
     const QList<HeaderField> &allHeaderFields() const { return fields; }
 
     /** @brief The value of the named field, compared without case; a null array when missing. */

@@ -7,7 +7,8 @@
 
 /** @brief Event kinds delivered by a socket stream pair; the values are fixed. */
 namespace QVStreamEvent {
-enum : int {
+enum : int
+{
     OpenCompleted = 1,
     HasBytesAvailable = 2,
     HasSpaceAvailable = 4,
@@ -17,7 +18,11 @@ enum : int {
 }
 
 /** @brief Which of the two streams of a pair an event belongs to. */
-enum class QVStreamSide { Input, Output };
+enum class QVStreamSide
+{
+    Input,
+    Output
+};
 
 /** @brief Receiver of a pair's events. */
 class QVStreamPairClient
@@ -49,7 +54,8 @@ public:
     /** @brief Reads up to maxLength response bytes: the count, 0 when none, negative on error. */
     virtual qint64 read(char *buffer, qint64 maxLength) = 0;
 
-    /** @brief Offers bytes to the connection: the count it took (maybe fewer), 0 or negative when none. */
+    /** @brief Offers bytes to the connection: the count it took (maybe fewer), 0 or negative when
+     * none. */
     virtual qint64 write(const char *data, qint64 length) = 0;
 
     /** @brief No more input events; the connection ends once both streams are closed. */

@@ -60,8 +60,7 @@ QVStreamer::QVStreamer(QObject *parent)
     : QObject(parent), _stringBoundary(QStringLiteral("0xKhTmLbOuNdArY")),
       _contentType(QStringLiteral("multipart/form-data; boundary=%1").arg(_stringBoundary)),
       streamPairFactory([] { return new QVSslStreamPair; })
-{
-}
+{}
 
 QVStreamer::~QVStreamer()
 {
@@ -357,8 +356,8 @@ void QVStreamer::endOfResponse()
     }
 
     const QByteArray raw = response ? response->body() : QByteArray();
-    const QByteArray encoding = response ? response->headerFieldValue("Transfer-Encoding")
-                                         : QByteArray();
+    const QByteArray encoding =
+        response ? response->headerFieldValue("Transfer-Encoding") : QByteArray();
     if (!encoding.isNull() && encoding.compare("chunked", Qt::CaseInsensitive) == 0)
         processChunkedData(raw, respBody);
     else

@@ -17,7 +17,13 @@
 class QVStreamer;
 
 /** @brief The four optional callbacks of a QVStreamer, as asked for with respondsToCallback(). */
-enum class QVStreamerCallback { HandleRedirect, HandleError, ResponseComplete, NotifyRestart };
+enum class QVStreamerCallback
+{
+    HandleRedirect,
+    HandleError,
+    ResponseComplete,
+    NotifyRestart
+};
 
 /**
  * @brief Receiver of a QVStreamer's outcome. Every callback is optional: the streamer sends
@@ -34,7 +40,8 @@ public:
 
     /** @brief A 3xx response; newURL is its Location (null when missing); code is -1. */
     virtual void handleRedirect(QVStreamer *streamer, const QString &newURL, qint32 code);
-    /** @brief An error the streamer detected ("timeout", "Redirect failed", "Chunked message error"). */
+    /** @brief An error the streamer detected ("timeout", "Redirect failed", "Chunked message
+     * error"). */
     virtual void handleError(QVStreamer *streamer, const QString &message, qint32 code);
     /** @brief A non-3xx response read to its end; body stays valid until the next request. */
     virtual void responseComplete(QVStreamer *streamer, const QByteArray &body, quint32 code);

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what Hoplift needs, builds it and runs every test, on a session bus of
+# Installs what Hoplift needs, builds it twice (plain, and with the address and
+# undefined-behaviour sanitizers) and runs every test in both, on a session bus of
 # its own with no display needed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -7,7 +8,9 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 
 jobs=$(nproc)
-cmake --preset debug
-cmake --build --preset debug -j "$jobs"
-dbus-run-session -- env QT_QPA_PLATFORM=offscreen \
-    ctest --preset debug --output-on-failure -j "$jobs"
+for preset in debug sanitize; do
+    cmake --preset "$preset"
+    cmake --build --preset "$preset" -j "$jobs"
+    dbus-run-session -- env QT_QPA_PLATFORM=offscreen \
+        ctest --preset "$preset" --output-on-failure -j "$jobs"
+done

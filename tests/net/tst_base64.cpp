@@ -58,8 +58,7 @@ void TestBase64::encodesWithFinalLineFeedAndNul_data()
     QTest::newRow("one byte pads twice") << QByteArray("A") << 0 << QByteArray("QQ==\n\0", 6);
     QTest::newRow("two bytes pad once") << QByteArray("AB") << 0 << QByteArray("QUI=\n\0", 6);
     QTest::newRow("credentials") << QByteArray("u:p") << 0 << QByteArray("dTpw\n\0", 6);
-    QTest::newRow("high bytes") << QByteArray("\xff\xfe\xfd", 3) << 0
-                                << QByteArray("//79\n\0", 6);
+    QTest::newRow("high bytes") << QByteArray("\xff\xfe\xfd", 3) << 0 << QByteArray("//79\n\0", 6);
     // A line length of 5 is rounded up to 8; no break after the last group.
     QTest::newRow("line length rounded up")
         << QByteArray("0123456789ab") << 5 << QByteArray("MDEyMzQ1\nNjc4OWFi\n\0", 19);

@@ -31,15 +31,15 @@ void TestHttpResponse::parsesAtEveryByteBoundary_data()
         << true << 200u << QByteArray() << QByteArray("3\r\nabc\r\n0\r\n\r\n");
     QTest::newRow("folded field") << QByteArray("HTTP/1.1 301 M\r\nLocation: /a\r\n  b\r\n\r\n")
                                   << true << 301u << QByteArray("/a b") << QByteArray();
-    QTest::newRow("no reason phrase") << QByteArray("HTTP/1.1 404\r\n\r\n") << true << 404u
-                                      << QByteArray() << QByteArray();
+    QTest::newRow("no reason phrase")
+        << QByteArray("HTTP/1.1 404\r\n\r\n") << true << 404u << QByteArray() << QByteArray();
     QTest::newRow("head cut off") << QByteArray("HTTP/1.1 200 OK\r\nLocation: /a\r\n") << false
                                   << 0u << QByteArray() << QByteArray();
     QTest::newRow("nothing") << QByteArray() << false << 0u << QByteArray() << QByteArray();
     QTest::newRow("not http") << QByteArray("SSH-2.0-x\r\n\r\nz") << true << 0u << QByteArray()
                               << QByteArray("z");
-    QTest::newRow("bad status digits") << QByteArray("HTTP/1.1 2x0 OK\r\n\r\n") << true << 0u
-                                       << QByteArray() << QByteArray();
+    QTest::newRow("bad status digits")
+        << QByteArray("HTTP/1.1 2x0 OK\r\n\r\n") << true << 0u << QByteArray() << QByteArray();
 }
 
 void TestHttpResponse::parsesAtEveryByteBoundary()

@@ -12,9 +12,10 @@
 
 namespace {
 
-const QByteArray kBodyStartA = "--0xKhTmLbOuNdArY\r\n"
-                               "Content-Disposition: form-data; name=\"file\"; filename=\"a.txt\"\r\n"
-                               "Content-Type: application/octet-stream\r\n\r\n";
+const QByteArray kBodyStartA =
+    "--0xKhTmLbOuNdArY\r\n"
+    "Content-Disposition: form-data; name=\"file\"; filename=\"a.txt\"\r\n"
+    "Content-Type: application/octet-stream\r\n\r\n";
 const QByteArray kBodyEnd = "\r\n--0xKhTmLbOuNdArY--\r\n";
 
 } // namespace
@@ -166,9 +167,8 @@ void TestStreamer::requestLineHostAndPort_data()
                                   << QByteArray("Host: h") << 80 << false;
     QTest::newRow("upper-case scheme is plain")
         << "HTTPS://h/x" << QByteArray("GET /x HTTP/1.1") << QByteArray("Host: h") << 80 << false;
-    QTest::newRow("tls always on 443")
-        << "https://h:8443/x" << QByteArray("GET /x HTTP/1.1") << QByteArray("Host: h") << 443
-        << true;
+    QTest::newRow("tls always on 443") << "https://h:8443/x" << QByteArray("GET /x HTTP/1.1")
+                                       << QByteArray("Host: h") << 443 << true;
 }
 
 void TestStreamer::requestLineHostAndPort()
@@ -222,8 +222,8 @@ void TestStreamer::filePieces()
         expected << content.mid(at, 2048);
     expected << content.mid(at) + kBodyEnd;
     QCOMPARE(wire().takes, expected);
-    QVERIFY(s.requestHead().contains(
-        "Content-Length: " + QByteArray::number(124 + fileSize + 23) + "\r\n"));
+    QVERIFY(s.requestHead().contains("Content-Length: " + QByteArray::number(124 + fileSize + 23) +
+                                     "\r\n"));
     QCOMPARE(s.bytesSent(), s.requestSize());
     QVERIFY(wire().outputClosed);
 }
@@ -294,12 +294,23 @@ void TestStreamer::targetURL_data()
     QTest::addColumn<QString>("url");
     QTest::addColumn<QString>("before");
     QTest::addColumn<QString>("after");
-    QTest::newRow("plain") << "http://h/x" << "http://h" << "http://h";
-    QTest::newRow("plain, port 80") << "http://h:80/x" << "http://h" << "http://h";
-    QTest::newRow("plain, other port") << "http://h:8080/x" << "http://h" << "http://h:8080";
-    QTest::newRow("tls") << "https://h/x" << "https://h" << "https://h";
-    QTest::newRow("tls, port 443") << "https://h:443/x" << "https://h" << "https://h";
-    QTest::newRow("tls, other port shows http") << "https://h:8443/x" << "https://h"
+    QTest::newRow("plain") << "http://h/x"
+                           << "http://h"
+                           << "http://h";
+    QTest::newRow("plain, port 80") << "http://h:80/x"
+                                    << "http://h"
+                                    << "http://h";
+    QTest::newRow("plain, other port") << "http://h:8080/x"
+                                       << "http://h"
+                                       << "http://h:8080";
+    QTest::newRow("tls") << "https://h/x"
+                         << "https://h"
+                         << "https://h";
+    QTest::newRow("tls, port 443") << "https://h:443/x"
+                                   << "https://h"
+                                   << "https://h";
+    QTest::newRow("tls, other port shows http") << "https://h:8443/x"
+                                                << "https://h"
                                                 << "http://h:8443";
 }
 
@@ -359,8 +370,7 @@ void TestStreamer::streamErrorStopsWithoutCallback()
     wire().errorCode = 111;
     wire().errorString = QStringLiteral("Connection refused");
     pair()->fire(QVStreamSide::Input, QVStreamEvent::ErrorOccurred);
-    QCOMPARE(log.lines(),
-             QByteArrayList({"Error with stream!", "Error 111: Connection refused"}));
+    QCOMPARE(log.lines(), QByteArrayList({"Error with stream!", "Error 111: Connection refused"}));
     QVERIFY(s.isRequestFinished());
     QCOMPARE(s.errorCode(), 111);
     QVERIFY(d.calls.isEmpty());
@@ -375,24 +385,24 @@ void TestStreamer::chunkedDecoding_data()
     QTest::newRow("two chunks") << QByteArray("5\r\nhello\r\n6\r\n world\r\n0\r\n\r\n")
                                 << QByteArray("hello world") << false;
     QTest::newRow("extension ignored")
-        << QByteArray("1a;x=y\r\n") + QByteArray(26, 'k') + "\r\n0\r\n\r\n" << QByteArray(26, 'k')
-        << false;
-    QTest::newRow("upper-case hex") << QByteArray("A\r\n0123456789\r\n0\r\n\r\n")
-                                    << QByteArray("0123456789") << false;
-    QTest::newRow("leading blanks") << QByteArray("  3\r\nabc\r\n0\r\n\r\n") << QByteArray("abc")
-                                    << false;
+        << QByteArray("1a;x=y\r\n") + QByteArray(26, 'k') + "\r\n0\r\n\r\n"
+        << QByteArray(26, 'k') << false;
+    QTest::newRow("upper-case hex")
+        << QByteArray("A\r\n0123456789\r\n0\r\n\r\n") << QByteArray("0123456789") << false;
+    QTest::newRow("leading blanks")
+        << QByteArray("  3\r\nabc\r\n0\r\n\r\n") << QByteArray("abc") << false;
     // A bare LF ends the line one byte early: the first data byte is skipped and
     // the byte after the chunk is taken.
-    QTest::newRow("bare lf shifts") << QByteArray("3\nabcX\r\n0\r\n\r\n") << QByteArray("bcX")
-                                    << false;
+    QTest::newRow("bare lf shifts")
+        << QByteArray("3\nabcX\r\n0\r\n\r\n") << QByteArray("bcX") << false;
     QTest::newRow("size past the end") << QByteArray("ff\r\nshort") << QByteArray("short") << false;
     QTest::newRow("huge size") << QByteArray("ffffffffff\r\nab") << QByteArray("ab") << false;
     QTest::newRow("size line never ends") << QByteArray("5") << QByteArray() << false;
-    QTest::newRow("after zero, more chunks") << QByteArray("0\r\n\r\n2\r\nhi\r\n")
-                                             << QByteArray("hi") << false;
+    QTest::newRow("after zero, more chunks")
+        << QByteArray("0\r\n\r\n2\r\nhi\r\n") << QByteArray("hi") << false;
     QTest::newRow("empty") << QByteArray() << QByteArray() << false;
-    QTest::newRow("bad size line") << QByteArray("2\r\nok\r\nzz\r\nnope\r\n") << QByteArray("ok")
-                                   << true;
+    QTest::newRow("bad size line")
+        << QByteArray("2\r\nok\r\nzz\r\nnope\r\n") << QByteArray("ok") << true;
     QTest::newRow("trailer is a bad size line")
         << QByteArray("2\r\nok\r\n0\r\nX-T: 1\r\n\r\n") << QByteArray("ok") << true;
 }
@@ -416,8 +426,8 @@ void TestStreamer::chunkedDecoding()
     QByteArray result = "stale";
     s.processChunkedData(raw, result);
     QCOMPARE(result, decoded);
-    QCOMPARE(d.calls, error ? QStringList{QStringLiteral("error Chunked message error -1")}
-                            : QStringList{});
+    QCOMPARE(d.calls,
+             error ? QStringList{QStringLiteral("error Chunked message error -1")} : QStringList{});
 }
 
 void TestStreamer::responseEnds_data()
@@ -431,9 +441,9 @@ void TestStreamer::responseEnds_data()
     QTest::newRow("length header not consulted")
         << QByteArray("HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\nhello")
         << QStringList{QStringLiteral("complete 200")} << QByteArray("hello");
-    QTest::newRow("error status completes") << QByteArray("HTTP/1.1 413 Too Large\r\n\r\nno")
-                                            << QStringList{QStringLiteral("complete 413")}
-                                            << QByteArray("no");
+    QTest::newRow("error status completes")
+        << QByteArray("HTTP/1.1 413 Too Large\r\n\r\nno")
+        << QStringList{QStringLiteral("complete 413")} << QByteArray("no");
     QTest::newRow("chunked") << QByteArray("HTTP/1.1 201 C\r\nTransfer-Encoding: CHUNKED\r\n\r\n"
                                            "3\r\nabc\r\n0\r\n\r\n")
                              << QStringList{QStringLiteral("complete 201")} << QByteArray("abc");
@@ -442,9 +452,8 @@ void TestStreamer::responseEnds_data()
         << QStringList{QStringLiteral("complete 200")} << QByteArray("3\r\nabc");
     QTest::newRow("no body") << QByteArray("HTTP/1.1 204 No Content\r\n\r\n")
                              << QStringList{QStringLiteral("complete 204")} << QByteArray();
-    QTest::newRow("closed before status") << QByteArray()
-                                          << QStringList{QStringLiteral("complete 0")}
-                                          << QByteArray();
+    QTest::newRow("closed before status")
+        << QByteArray() << QStringList{QStringLiteral("complete 0")} << QByteArray();
     QTest::newRow("redirect") << QByteArray("HTTP/1.1 302 Found\r\nLocation: http://o/p\r\n\r\n")
                               << QStringList{QStringLiteral("redirect http://o/p -1")}
                               << QByteArray();
@@ -496,13 +505,12 @@ void TestStreamer::redirects_data()
     QTest::addColumn<int>("connections");
 
     QTest::newRow("refused without auto-redirect")
-        << false << QByteArray("http://o/p") << QStringList{QStringLiteral("error Redirect failed -1")}
-        << 1;
+        << false << QByteArray("http://o/p")
+        << QStringList{QStringLiteral("error Redirect failed -1")} << 1;
     QTest::newRow("followed") << true << QByteArray("https://o:8443/p?q")
                               << QStringList{QStringLiteral("complete 200")} << 2;
-    QTest::newRow("no location fails") << true << QByteArray()
-                                       << QStringList{QStringLiteral("error Redirect failed -1")}
-                                       << 1;
+    QTest::newRow("no location fails")
+        << true << QByteArray() << QStringList{QStringLiteral("error Redirect failed -1")} << 1;
 }
 
 void TestStreamer::redirects()

@@ -13,8 +13,8 @@ struct FakeWire
     QString host;
     quint16 port = 0;
     bool tls = false;
-    QByteArray written;      // every byte the pair took, in order
-    QList<QByteArray> takes; // the bytes of each write, one entry per call
+    QByteArray written;       // every byte the pair took, in order
+    QList<QByteArray> takes;  // the bytes of each write, one entry per call
     QList<qint64> acceptPlan; // per write: at most this many bytes; empty: all
     QByteArray incoming;      // bytes read() hands out
     bool inputClosed = false;

@@ -49,7 +49,8 @@ void LoopbackHttpServer::incomingConnection(qintptr descriptor)
     connections.append(Received{});
     hashes.append(std::make_shared<QCryptographicHash>(QCryptographicHash::Sha256));
     expected.append(-1);
-    connect(socket, &QSslSocket::readyRead, this, [this, socket, index] { onReadyRead(socket, index); });
+    connect(socket, &QSslSocket::readyRead, this,
+            [this, socket, index] { onReadyRead(socket, index); });
     connect(socket, &QSslSocket::disconnected, socket, &QObject::deleteLater);
     if (tls) {
         socket->setLocalCertificate(certificate);

@@ -9,20 +9,21 @@
 class RecordingDelegate : public QVStreamerDelegate
 {
 public:
-    explicit RecordingDelegate(QSet<QVStreamerCallback> implemented = {
-                                   QVStreamerCallback::HandleRedirect,
-                                   QVStreamerCallback::HandleError,
-                                   QVStreamerCallback::ResponseComplete,
-                                   QVStreamerCallback::NotifyRestart})
+    explicit RecordingDelegate(
+        QSet<QVStreamerCallback> implemented = {QVStreamerCallback::HandleRedirect,
+                                                QVStreamerCallback::HandleError,
+                                                QVStreamerCallback::ResponseComplete,
+                                                QVStreamerCallback::NotifyRestart})
         : implemented(std::move(implemented))
-    {
-    }
+    {}
 
     bool respondsToCallback(QVStreamerCallback c) const override { return implemented.contains(c); }
 
     void handleRedirect(QVStreamer *, const QString &url, qint32 code) override
     {
-        calls << QStringLiteral("redirect %1 %2").arg(url.isNull() ? QStringLiteral("<none>") : url).arg(code);
+        calls << QStringLiteral("redirect %1 %2")
+                     .arg(url.isNull() ? QStringLiteral("<none>") : url)
+                     .arg(code);
         redirectURL = url;
     }
     void handleError(QVStreamer *, const QString &message, qint32 code) override
