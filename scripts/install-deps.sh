@@ -10,7 +10,7 @@ packages=(
   qt6-base-dev qt6-base-dev-tools qt6-svg-dev qt6-qpa-plugins libqt6svg6
   qtkeychain-qt6-dev libminizip-dev zlib1g-dev libssl-dev
   # the local kelvara service
-  libcpp-httplib-dev
+  libcpp-httplib-dev libbrotli-dev
   # tests: TLS certificates, a reference client, buses, secret store, power mock
   openssl curl python3 dbus dbus-x11 gnome-keyring libsecret-tools python3-dbusmock
   iproute2 util-linux zip unzip
