@@ -97,7 +97,7 @@ struct SafeText
             const ssize_t n = write(fd, data + done, length - done);
             if (n > 0)
                 done += size_t(n);
-            else if (n < 0 && errno != EINTR)
+            else if (n == 0 || errno != EINTR)
                 return;
         }
     }
@@ -246,8 +246,8 @@ void CrashReporter::installHandler()
     void *frame = nullptr;
     backtrace(&frame, 1);
 
-    // An overflowed stack has no room left for the handler: it runs on a stack of its own.
-    // Kept for good, as a crash can come during exit.
+    // An overflowed stack has no room left for the handler: it runs on a stack of its own
+    // (the calling thread's), kept for good as a crash can come during exit.
     const size_t stackSize = std::max<size_t>(SIGSTKSZ, 64 * 1024);
     alternateStack = new char[stackSize];
     stack_t stack = {};

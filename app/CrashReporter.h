@@ -8,7 +8,7 @@ class QWidget;
  * to the user once, on the next start, to mail to kelvara's support.
  */
 namespace CrashReporter {
-/** @brief Makes SIGSEGV, SIGBUS, SIGFPE, SIGILL and SIGABRT write a crash log before dying. */
+/** @brief Makes fatal signals write a crash log before dying; call early, on the main thread. */
 void installHandler();
 /** @brief True when there is a crash log newer than the last one offered to the user. */
 bool newCrashLogExists();

@@ -1,7 +1,9 @@
 #include "app/MainController.h"
 
+#include "app/CrashReporter.h"
 #include "app/Log.h"
 #include "app/RunLoop.h"
+#include "app/UpdateChecker.h"
 #include "ui_MainWindow.h"
 
 #include <QCloseEvent>
@@ -49,7 +51,13 @@ MainController::~MainController()
     delete ui;
 }
 
-void MainController::awakeFromNib() {}
+void MainController::awakeFromNib()
+{
+    if (CrashReporter::newCrashLogExists())
+        CrashReporter::doCrashSubmitting(window);
+    suupdater = new UpdateChecker(window);
+    suupdater->checkForUpdatesInBackground();
+}
 
 bool MainController::eventFilter(QObject *watched, QEvent *event)
 {

@@ -31,7 +31,8 @@ void quitOnTerminationSignals()
         char buffer[16];
         while (::read(pipeFds[0], buffer, sizeof buffer) > 0) {
         }
-        QCoreApplication::quit();
+        // exit(), not quit(): quit() asks the windows first, and ours never closes.
+        QCoreApplication::exit(0);
     });
     struct sigaction action = {};
     action.sa_handler = onSignal;

@@ -128,6 +128,8 @@ void UpdateChecker::onFinished()
     std::optional<Release> newest;
     if (oversized)
         error = QStringLiteral("the feed is larger than %1 bytes").arg(kMaxFeedBytes);
+    else if (done->error() == QNetworkReply::OperationCanceledError) // only the time-out does
+        error = QStringLiteral("no answer within %1 s").arg(kTimeoutMs / 1000);
     else if (done->error() != QNetworkReply::NoError)
         error = done->errorString();
     else if (status < 200 || status > 299)

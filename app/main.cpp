@@ -1,3 +1,4 @@
+#include "app/CrashReporter.h"
 #include "app/MainController.h"
 #include "app/Power.h"
 #include "app/SignalQuit.h"
@@ -19,6 +20,7 @@ int main(int argc, char *argv[])
     QApplication::setOrganizationName(QStringLiteral("kelvara"));
     QApplication::setApplicationName(QStringLiteral("Hoplift"));
     QApplication::setApplicationVersion(QStringLiteral("0.2.1"));
+    CrashReporter::installHandler();
     QApplication::setDesktopFileName(QStringLiteral("hoplift"));
     QApplication::setWindowIcon(QIcon(QStringLiteral(":/images/hoplift")));
 
