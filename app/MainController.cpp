@@ -3,11 +3,16 @@
 #include "app/CrashReporter.h"
 #include "app/Log.h"
 #include "app/RunLoop.h"
+#include "app/Service.h"
 #include "app/UpdateChecker.h"
+#include "queue/ZipFile.h"
+#include "ui/ZRClickableURLTextField.h"
 #include "ui_MainWindow.h"
 
+#include <QCheckBox>
 #include <QCloseEvent>
 #include <QCoreApplication>
+#include <QLabel>
 #include <QMainWindow>
 #include <QSettings>
 
@@ -30,7 +35,7 @@ MainController::MainController() : window(new QMainWindow), ui(new Ui::MainWindo
     textDropInfo = ui->textDropInfo;
     b_addFilesSpin = ui->b_addFilesSpin;
     textaddFiles = ui->textaddFiles;
-    dropText = ui->dropText;
+    subviewTableView->hide(); // the drop area stands in for the empty list
     logoImage = ui->logoImage;
     backgrImage = ui->backgrImage;
     backgrGradient = ui->backgrGradient;
@@ -38,6 +43,7 @@ MainController::MainController() : window(new QMainWindow), ui(new Ui::MainWindo
     b_addFilesSpin->hide();
     textaddFiles->hide();
     window->installEventFilter(this);
+    buildAccountSheet();
     // Quit leaves through the event loop's end, where the queue is saved.
     QObject::connect(ui->actionQuit, &QAction::triggered, this, [] { QCoreApplication::exit(0); });
     awakeFromNib();
@@ -47,6 +53,8 @@ MainController::~MainController()
 {
     if (mainController == this)
         mainController = nullptr;
+    if (dropText && !dropText->parent())
+        delete dropText; // out of the list while it has rows
     delete window;
     delete ui;
 }
@@ -65,6 +73,8 @@ bool MainController::eventFilter(QObject *watched, QEvent *event)
         event->ignore();
         return true;
     }
+    if (dropText && watched == dropText->parentWidget() && event->type() == QEvent::Resize)
+        placeDropText();
     return QObject::eventFilter(watched, event);
 }
 
@@ -87,7 +97,11 @@ void MainController::applicationDidFinishLaunching()
     QSettings settings;
     targetURL = settings.value(QVURLKey).toString();
     userName = settings.value(QVUserNameKey).toString();
+    password = retrievePassword();
+    b_SavePass->setChecked(!password.isNull());
 
+    if (!zipper)
+        zipper = std::make_unique<ZipFile>();
     for (QVStreamer **streamer : {&uploader, &accountInfo, &userInfo, &logoLoader, &backLoader}) {
         if (!*streamer) {
             *streamer = new QVStreamer(this);
@@ -98,7 +112,14 @@ void MainController::applicationDidFinishLaunching()
     updateAccountInfo(targetURL);
     updateUserInfo(targetURL);
 
-    textSpaceandPreference->setText(QStringLiteral("<u>Preferences</u>"));
+    textSpaceandPreference->setText(ZRClickableURLTextField::hyperlinkFromString(
+        QStringLiteral("Preferences"), QString(), QUrl()));
+    // An empty underline text matches nothing: "sign up here" carries no underline, and
+    // the field's own target opens the pricing page.
+    f_SignUp->setText(ZRClickableURLTextField::hyperlinkFromString(QStringLiteral("sign up here"),
+                                                                   QStringLiteral(""), QUrl()));
+    f_SignUp->setTargetURL(QUrl(QStringLiteral("http://%1/pricing").arg(Service::webHost())));
+    validateButtons();
 
     activateInfoText(QStringLiteral("Connecting to kelvara account..."));
     for (int round = 0; round < 30; ++round) {
@@ -106,14 +127,32 @@ void MainController::applicationDidFinishLaunching()
             break;
         runRunLoop(0.2);
     }
+    // The saved queue comes back without the question a new batch may get.
+    const QVariant saved = QSettings().value(QVUploadFilesKey);
+    if (saved.isValid())
+        addFiles(saved.toStringList(), false);
+    if (accountValid)
+        startNextUpload();
+    else
+        editPreferences();
     deactivateInfoText();
+    if (preLaunchFiles) {
+        addFiles(*preLaunchFiles, true);
+        preLaunchFiles.reset();
+        if (!currentUpload)
+            startNextUpload();
+    }
     finishedLaunch = true;
 }
 
 bool MainController::applicationOpenFiles(const QStringList &paths)
 {
     hlog("openFiles");
-    if (!finishedLaunch)
+    if (finishedLaunch) {
+        addFiles(paths, true);
+        if (!currentUpload)
+            startNextUpload();
+    } else
         preLaunchFiles = paths; // only the last batch before launch survives
     return true;
 }
@@ -125,7 +164,13 @@ bool MainController::windowShouldClose()
     return false;
 }
 
-void MainController::applicationWillTerminate() {}
+void MainController::applicationWillTerminate()
+{
+    stopAllUploads(true);
+    saveUploadFiles();
+    if (zipper)
+        zipper->removeZipArchive();
+}
 
 void MainController::raiseWindow()
 {

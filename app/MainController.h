@@ -1,6 +1,7 @@
 #pragma once
 
 #include "net/QVStreamer.h"
+#include "ui/SubviewController.h"
 
 #include <QColor>
 #include <QList>
@@ -9,8 +10,10 @@
 #include <QStringList>
 #include <QUrl>
 
+#include <memory>
 #include <optional>
 #include <set>
+#include <vector>
 
 class QCheckBox;
 class QDialog;
@@ -23,7 +26,6 @@ class QTimer;
 class QVDropView;
 class QVGradient;
 class QVRolloverButton;
-class SubviewController;
 class SubviewTableViewController;
 class UpdateChecker;
 class ZRClickableURLTextField;
@@ -43,9 +45,10 @@ extern const QString QVUploadFilesKey;
  * upload queue, and is the delegate of every streamer.
  *
  * Sources: app/MainController.cpp holds start-up, shutdown and the desktop's calls, and
- * the account requests and the busy indicator.
+ * the account requests and the busy indicator; queue/AddFiles.cpp turns paths into rows;
+ * queue/QueueCommands.cpp holds the commands on the queue and its saving.
  */
-class MainController : public QObject, public QVStreamerDelegate
+class MainController : public QObject, public QVStreamerDelegate, public SubviewActionObject
 {
     Q_OBJECT
 public:
@@ -75,13 +78,99 @@ public:
     void activateInfoText(const QString &text);
     void deactivateInfoText();
 
-    QMainWindow *mainWindow() const { return window; }
+    // The account sheet, the password in the secret store (app/Preferences.cpp).
+    /** @brief Builds the account sheet from its .ui file (once, from the constructor). */
+    void buildAccountSheet();
+    /** @brief Opens the account sheet over the main window. */
+    void editPreferences();
+    /** @brief The sheet's OK: verifies the account, then ends the sheet with 1. */
+    void OKPressed();
+    /** @brief The sheet's Cancel: ends the sheet with 0. */
+    void CancelPressed();
+    /** @brief End of the sheet: 1 accepted, 0 cancelled. */
+    void sheetDidEnd(int returnCode);
+    /** @brief The stored password, or a null string. */
+    QString retrievePassword();
+    /** @brief Stores the password; false when the secret store refused. */
+    bool savePassword(const QString &password);
+    /** @brief Opens the account's web page. */
+    void goToMyAccount();
+    /** @brief Opens the service's terms page. */
+    void goToTermsAndConditions();
+    /** @brief A click on a clickable text field: opens the account sheet. */
+    void clicked(ZRClickableURLTextField *sender);
 
-    // QVStreamerDelegate: the callbacks are routed by the queue; none is taken yet.
-    bool respondsToCallback(QVStreamerCallback) const override { return false; }
+    // Account and user documents, branding (app/Account.cpp).
+    /** @brief Asks for the account document again and waits up to 5 s; true when it finished. */
+    bool refreshAccountInfo();
+    void processAccountInfo(const QByteArray &body);
+    void processUserInfo(const QByteArray &body);
+    void updateBranding(const QString &base);
+    void processLogo(const QByteArray &data);
+    void processBackgr(const QByteArray &data);
+    /** @brief "RRGGBB" (optionally "0x"-prefixed) as a colour; black when unreadable. */
+    static QColor colorFromHexRGB(const QString &text);
+
+    /** @brief Turns paths into queued rows, asking first about a large batch when check is set. */
+    void addFiles(const QStringList &paths, bool sanityCheck);
+    /** @brief Counts the top level of a batch: items into fileCount, bytes into fileSize. */
+    void checkFiles(const QStringList &paths, qint32 &fileCount, quint64 &fileSize);
+    /** @brief Counts one folder recursively; insideBundle: only sizes count. */
+    void checkFileSize(const QString &path, qint32 &fileCount, quint64 &fileSize,
+                       bool insideBundle);
+    /** @brief Adds rows for a folder's contents (a bundle becomes one row). */
+    void addFilesOfDir(const QString &path);
+    /** @brief Appends one queued row. */
+    SubviewController *addFile(const QString &path, bool bundle);
+    /** @brief Whether a folder is an application or a document package shown as one item. */
+    static bool isBundle(const QString &path);
+    /** @brief The add button: a file chooser for files and folders. */
+    void addButtonPressed();
+    /** @brief End of the file chooser: code 1 adds what was chosen. */
+    void openPanelDidEnd(const QStringList &chosen, int returnCode);
+
+    /** @brief Stops the current upload; requeue: it goes back to the queue, else it is stopped. */
+    void stopAllUploads(bool requeue);
+    /** @brief Stores the paths of the queued and restartable rows under "UploadFiles". */
+    void saveUploadFiles();
+    /** @brief The stop-all/restart-all button, row colours and the empty-list hint. */
+    void validateButtons();
+    bool hasStopableItems() const;
+    bool hasReStartableItems() const;
+    /** @brief Rows from row to the end changed height. */
+    void notifyRowHeight(int row);
+    /** @brief No hover image survives rows moving. */
+    void notifyExitTracking();
+
+    // SubviewActionObject: a row's buttons.
+    void buttonPressed(SubviewController *sender, int buttonIndex) override;
+
+    QMainWindow *mainWindow() const { return window; }
+    /** @brief The queue in display order. */
+    const std::vector<std::unique_ptr<SubviewController>> &queue() const
+    {
+        return subviewControllers;
+    }
+
+    // Scheduling and the streamers' answers (queue/Scheduling.cpp).
+    /** @brief Starts the lowest queued row that exists and fits the space left. */
+    void startNextUpload();
+    /** @brief A free "Hoplift!_N.zip" in the temporary folder, or a null string. */
+    QString newTmpFilePath();
+    /** @brief Every 0.2 s while an upload is current: the row's progress. */
+    void progressTimer();
+    /** @brief Adds a folder's files (no hidden names, links read through) below relativePath. */
+    void addFilesToZip(const QString &path, const QString &relativePath);
+    bool respondsToCallback(QVStreamerCallback callback) const override;
+    void handleRedirect(QVStreamer *streamer, const QString &newURL, qint32 code) override;
+    void handleError(QVStreamer *streamer, const QString &message, qint32 code) override;
+    void responseComplete(QVStreamer *streamer, const QByteArray &body, quint32 code) override;
+    void notifyRestart(QVStreamer *streamer, qint32 code) override;
 
 private:
     bool eventFilter(QObject *watched, QEvent *event) override;
+    /** @brief Centres the empty list's hint in the list. */
+    void placeDropText();
 
     QMainWindow *window = nullptr;
     Ui::MainWindow *ui = nullptr;
@@ -146,11 +235,11 @@ private:
     QVStreamer *userInfo = nullptr;
     QVStreamer *logoLoader = nullptr;
     QVStreamer *backLoader = nullptr;
-    ZipFile *zipper = nullptr;
+    std::unique_ptr<ZipFile> zipper;
     QTimer *timer = nullptr;
     SubviewController *currentUpload = nullptr;
     SubviewTableViewController *tableViewController = nullptr;
-    QList<SubviewController *> subviewControllers;
+    std::vector<std::unique_ptr<SubviewController>> subviewControllers;
 };
 
 /** @brief The one controller, once launching has reached it; null before. */

@@ -8,6 +8,8 @@ void callback(void *, quint32, quint32 messageType, void *)
     switch (messageType) {
     case PowerMessage::SystemWillSleep:
         hlog("going to sleep...");
+        if (mainController)
+            mainController->stopAllUploads(true);
         if (groot_port)
             groot_port->allowPowerChange();
         break;
@@ -15,6 +17,8 @@ void callback(void *, quint32, quint32 messageType, void *)
         hlog("waking up...");
         if (groot_port)
             groot_port->takeLock();
+        if (mainController)
+            mainController->startNextUpload();
         break;
     case PowerMessage::CanSystemSleep:
         if (groot_port)

@@ -1,21 +1,80 @@
 #include "ui/ZRClickableURLTextField.h"
 
+#include <QAbstractTextDocumentLayout>
 #include <QDesktopServices>
+#include <QFont>
 #include <QMouseEvent>
+#include <QTextDocument>
 
 ZRClickableURLTextField::ZRClickableURLTextField(QWidget *parent) : QLabel(parent)
 {
     setTextFormat(Qt::RichText);
+    // The whole field shows the hand, not only its link runs.
     setCursor(Qt::PointingHandCursor);
+}
+
+QString ZRClickableURLTextField::hyperlinkFromString(const QString &text,
+                                                     const QString &underlineText, const QUrl &url,
+                                                     const QFont *font)
+{
+    qsizetype start = 0;
+    qsizetype length = text.size();
+    if (!underlineText.isNull()) {
+        start = underlineText.isEmpty() ? -1 : text.indexOf(underlineText);
+        length = start < 0 ? 0 : underlineText.size();
+        start = std::max<qsizetype>(start, 0);
+    }
+    QString run = text.mid(start, length).toHtmlEscaped();
+    if (length > 0) {
+        run = QStringLiteral("<u>%1</u>").arg(run);
+        if (url.isValid())
+            run = QStringLiteral("<a href=\"%1\">%2</a>")
+                      .arg(QString::fromUtf8(url.toEncoded()).toHtmlEscaped(), run);
+    }
+    QString html =
+        text.left(start).toHtmlEscaped() + run + text.mid(start + length).toHtmlEscaped();
+    if (font)
+        html = QStringLiteral("<span style=\"font-family:'%1'; font-size:%2pt\">%3</span>")
+                   .arg(font->family().toHtmlEscaped())
+                   .arg(font->pointSizeF())
+                   .arg(html);
+    return html;
+}
+
+QString ZRClickableURLTextField::linkAt(const QPoint &point) const
+{
+    const QRect area = contentsRect();
+    if (text().isEmpty() || !area.contains(point))
+        return QString();
+    // Lay the text out the way the label does and ask that layout.
+    QTextDocument document;
+    document.setDocumentMargin(0);
+    document.setDefaultFont(font());
+    document.setHtml(text());
+    QTextOption option(alignment() & Qt::AlignHorizontal_Mask);
+    option.setWrapMode(wordWrap() ? QTextOption::WordWrap : QTextOption::NoWrap);
+    document.setDefaultTextOption(option);
+    document.setTextWidth(area.width());
+    QPointF offset = area.topLeft();
+    const qreal spare = area.height() - document.size().height();
+    if (alignment() & Qt::AlignVCenter)
+        offset.ry() += spare / 2;
+    else if (alignment() & Qt::AlignBottom)
+        offset.ry() += spare;
+    return document.documentLayout()->anchorAt(QPointF(point) - offset);
 }
 
 void ZRClickableURLTextField::mouseReleaseEvent(QMouseEvent *event)
 {
-    if (event->button() != Qt::LeftButton || !rect().contains(event->position().toPoint())) {
+    if (event->button() != Qt::LeftButton) {
         QLabel::mouseReleaseEvent(event);
         return;
     }
-    if (targetURL.isValid())
+    const QString link = linkAt(event->position().toPoint());
+    if (!link.isEmpty())
+        QDesktopServices::openUrl(QUrl::fromEncoded(link.toUtf8()));
+    else if (targetURL.isValid())
         QDesktopServices::openUrl(targetURL);
     emit clicked(this);
+    QLabel::mouseReleaseEvent(event);
 }

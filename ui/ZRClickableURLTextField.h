@@ -3,9 +3,11 @@
 #include <QLabel>
 #include <QUrl>
 
+class QFont;
+
 /**
- * @brief A text field that shows links and reacts to clicks: a click opens its target URL
- * when it has one, and is reported through clicked() either way.
+ * @brief A text field whose link runs open their URL when clicked. A click elsewhere opens
+ * the field's target URL when it has one; every click is reported through clicked().
  */
 class ZRClickableURLTextField : public QLabel
 {
@@ -13,8 +15,17 @@ class ZRClickableURLTextField : public QLabel
 public:
     explicit ZRClickableURLTextField(QWidget *parent = nullptr);
 
+    /**
+     * @brief Link text for a field: the first occurrence of underlineText (the whole text
+     * when it is null) is underlined and, given a URL, linked; a font applies to all of it.
+     */
+    static QString hyperlinkFromString(const QString &text, const QString &underlineText,
+                                       const QUrl &url, const QFont *font = nullptr);
+
     void setTargetURL(const QUrl &url) { targetURL = url; }
     QUrl target() const { return targetURL; }
+    /** @brief The link under a point of the field, or an empty string. */
+    QString linkAt(const QPoint &point) const;
 
 Q_SIGNALS:
     void clicked(ZRClickableURLTextField *sender);

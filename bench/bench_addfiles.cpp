@@ -1,0 +1,85 @@
+// Adding a folder of many small files: time and memory of Hoplift's walk and row
+// creation, against `du -sb` walking (and stat-ing) the same tree in the same run.
+#include "app/MainController.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QMainWindow>
+#include <QProcess>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QTextStream>
+
+#include <cstdio>
+
+namespace {
+
+qint64 statusKiB(const char *field)
+{
+    QFile f(QStringLiteral("/proc/self/status"));
+    if (!f.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : f.readAll().split('\n')) {
+        if (line.startsWith(field))
+            return line.mid(qstrlen(field) + 1).trimmed().split(' ').first().toLongLong();
+    }
+    return -1;
+}
+
+double timeDu(const QString &path)
+{
+    QElapsedTimer clock;
+    clock.start();
+    QProcess du;
+    du.start(QStringLiteral("du"), {QStringLiteral("-sb"), path});
+    du.waitForFinished(-1);
+    return clock.nsecsElapsed() / 1e9;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QApplication app(argc, argv);
+    QCoreApplication::setOrganizationName(QStringLiteral("kelvara-bench"));
+    QCoreApplication::setApplicationName(QStringLiteral("Hoplift"));
+    const int count = argc > 1 ? QByteArray(argv[1]).toInt() : 100000;
+
+    QTemporaryDir dir;
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope,
+                       dir.filePath(QStringLiteral("cfg")));
+    const QString tree = dir.filePath(QStringLiteral("photos"));
+    for (int i = 0; i < count; ++i) {
+        const QString sub = QStringLiteral("%1/d%2").arg(tree).arg(i / 1000);
+        if (i % 1000 == 0)
+            QDir().mkpath(sub);
+        QFile f(QStringLiteral("%1/IMG_%2.jpg").arg(sub).arg(i));
+        f.open(QIODevice::WriteOnly);
+        f.write("x", 1);
+    }
+
+    // Warm the inode cache for both sides alike.
+    timeDu(tree);
+    double du = 1e9;
+    for (int run = 0; run < 3; ++run)
+        du = qMin(du, timeDu(tree));
+
+    MainController controller;
+    controller.mainWindow()->show();
+    const qint64 before = statusKiB("VmRSS:");
+    QElapsedTimer clock;
+    clock.start();
+    controller.addFiles({tree}, false);
+    const double hoplift = clock.nsecsElapsed() / 1e9;
+    const qint64 after = statusKiB("VmRSS:");
+
+    QTextStream out(stdout);
+    out << "add " << controller.queue().size() << " files: hoplift " << hoplift << " s, du -sb "
+        << du << " s, ratio " << hoplift / du << "\n";
+    out << "resident memory: before " << before << " KiB, after " << after << " KiB, +"
+        << (after - before) << " KiB (" << double(after - before) * 1024 / count
+        << " bytes per row)\n";
+    return controller.queue().size() == size_t(count) ? 0 : 1;
+}

@@ -1,0 +1,170 @@
+// MainController: what the user does to rows that exist, and the saved queue.
+#include "app/MainController.h"
+
+#include "ui/SubviewController.h"
+
+#include "ui/QVRolloverButton.h"
+#include "ui/iTableView.h"
+#include "ui_MainWindow.h"
+
+#include <QFontMetrics>
+#include <QIcon>
+#include <QLabel>
+#include <QPushButton>
+#include <QSettings>
+
+namespace {
+int rowOf(const std::vector<std::unique_ptr<SubviewController>> &rows, const SubviewController *row)
+{
+    for (size_t i = 0; i < rows.size(); ++i) {
+        if (rows[i].get() == row)
+            return int(i);
+    }
+    return -1;
+}
+} // namespace
+
+void MainController::saveUploadFiles()
+{
+    QStringList paths;
+    for (const auto &row : subviewControllers) {
+        if (row->uploadState() == 0 || row->canReStart())
+            paths << row->fileWithPath();
+    }
+    QSettings settings;
+    if (paths.isEmpty())
+        settings.remove(QVUploadFilesKey);
+    else
+        settings.setValue(QVUploadFilesKey, paths);
+    settings.sync();
+}
+
+void MainController::stopAllUploads(bool requeue)
+{
+    if (!currentUpload || !currentUpload->isUploading())
+        return;
+    uploader->stopUpload();
+    if (requeue)
+        currentUpload->requeue();
+    else
+        currentUpload->stopUpload();
+    currentUpload = nullptr;
+}
+
+void MainController::buttonPressed(SubviewController *sender, int buttonIndex)
+{
+    switch (buttonIndex) {
+    case 1:
+        uploader->stopUpload();
+        if (currentUpload) {
+            currentUpload->stopUpload();
+            notifyRowHeight(rowOf(subviewControllers, currentUpload));
+        }
+        updateAccountInfo(targetURL);
+        startNextUpload();
+        break;
+    case 2:
+        for (auto it = subviewControllers.begin(); it != subviewControllers.end(); ++it) {
+            if (it->get() != sender)
+                continue;
+            if (currentUpload == sender) {
+                uploader->stopUpload();
+                sender->stopUpload();
+                currentUpload = nullptr;
+            }
+            subviewControllers.erase(it);
+            break;
+        }
+        saveUploadFiles();
+        startNextUpload();
+        break;
+    case 3:
+        sender->requeue();
+        startNextUpload();
+        break;
+    default:
+        break;
+    }
+    validateButtons();
+}
+
+bool MainController::hasStopableItems() const
+{
+    for (const auto &row : subviewControllers) {
+        if (row->canStop())
+            return true;
+    }
+    return false;
+}
+
+bool MainController::hasReStartableItems() const
+{
+    for (const auto &row : subviewControllers) {
+        if (row->canReStart())
+            return true;
+    }
+    return false;
+}
+
+void MainController::validateButtons()
+{
+    if (hasStopableItems()) {
+        StopRestartButton->setEnabled(true);
+        StopRestartButton->setIcon(QIcon(QStringLiteral(":/images/stop-all")));
+        StopRestartText->setText(QStringLiteral("Stop all"));
+    } else if (hasReStartableItems()) {
+        StopRestartButton->setEnabled(true);
+        StopRestartButton->setIcon(QIcon(QStringLiteral(":/images/restart-all")));
+        StopRestartText->setText(QStringLiteral("Restart all"));
+    } else {
+        StopRestartButton->setEnabled(false);
+    }
+    const bool rows = !subviewControllers.empty();
+    if (subviewTableView->alternatingRowColors() != rows)
+        subviewTableView->setAlternatingRowColors(rows);
+    if (rows) {
+        // The delete keys go to the list.
+        subviewTableView->setFocus();
+        if (dropText && dropText->parentWidget()) {
+            dropText->hide();
+            dropText->setParent(nullptr);
+        }
+        return;
+    }
+    QWidget *list = subviewTableView->viewport();
+    if (!dropText) {
+        dropText = new QLabel(QStringLiteral("Drop files or\nfolders here"));
+        QFont font = dropText->font();
+        font.setPointSize(36);
+        dropText->setFont(font);
+        dropText->setAlignment(Qt::AlignCenter);
+        dropText->setAttribute(Qt::WA_TransparentForMouseEvents);
+        QPalette palette = dropText->palette();
+        palette.setColor(QPalette::WindowText, Qt::gray);
+        dropText->setPalette(palette);
+        list->installEventFilter(this); // keeps the hint centred as the list resizes
+    }
+    if (dropText->parentWidget() != list) {
+        dropText->setParent(list);
+        dropText->show();
+    }
+    placeDropText();
+}
+
+void MainController::placeDropText()
+{
+    const QRect bounds = subviewTableView->viewport()->rect();
+    const int height = QFontMetrics(dropText->font()).height();
+    dropText->setGeometry(bounds.x(), 25 + (bounds.height() - (50 + height)) / 2, bounds.width(),
+                          50 + height);
+}
+
+void MainController::notifyRowHeight(int)
+{
+    notifyExitTracking();
+}
+
+void MainController::notifyExitTracking()
+{
+    QVRolloverButton::notifyExitTracking();
+}
