@@ -122,7 +122,7 @@ void MainController::processAccountInfo(const QByteArray &body)
     const QString available =
         QStringLiteral("%1 available")
             .arg(SubviewController::initSizeString(static_cast<quint64>(account_spaceavailable)));
-    textSpaceandPreference->setText(QStringLiteral("%1 - %2").arg(
+    textSpaceandPreference->setAttributedStringValue(QStringLiteral("%1 - %2").arg(
         available.toHtmlEscaped(), ZRClickableURLTextField::hyperlinkFromString(
                                        QStringLiteral("Preferences"), QString(), QUrl())));
     accountValid = true;
@@ -150,7 +150,7 @@ void MainController::processUserInfo(const QByteArray &body)
     url = QUrl(accountInfo->targetURL());
     QFont font = textAccountInfo->font();
     font.setPointSize(16);
-    textAccountInfo->setText(
+    textAccountInfo->setAttributedStringValue(
         ZRClickableURLTextField::hyperlinkFromString(url.host(), QString(), url, &font));
     userNameInfo->setText(
         QStringLiteral("%1 %2").arg(orNull(account_firstname), orNull(account_lastname)));

@@ -12,8 +12,10 @@
 #include <QCheckBox>
 #include <QCloseEvent>
 #include <QCoreApplication>
+#include <QIcon>
 #include <QLabel>
 #include <QMainWindow>
+#include <QPushButton>
 #include <QSettings>
 
 const QString QVURLKey = QStringLiteral("Account URL");
@@ -36,6 +38,8 @@ MainController::MainController() : window(new QMainWindow), ui(new Ui::MainWindo
     b_addFilesSpin = ui->b_addFilesSpin;
     textaddFiles = ui->textaddFiles;
     subviewTableView->hide(); // the drop area stands in for the empty list
+    StopRestartButton->setIcon(QIcon(QStringLiteral(":/images/stop-all")));
+    StopRestartText->setText(QStringLiteral("Stop all"));
     logoImage = ui->logoImage;
     backgrImage = ui->backgrImage;
     backgrGradient = ui->backgrGradient;
@@ -112,12 +116,12 @@ void MainController::applicationDidFinishLaunching()
     updateAccountInfo(targetURL);
     updateUserInfo(targetURL);
 
-    textSpaceandPreference->setText(ZRClickableURLTextField::hyperlinkFromString(
+    textSpaceandPreference->setAttributedStringValue(ZRClickableURLTextField::hyperlinkFromString(
         QStringLiteral("Preferences"), QString(), QUrl()));
     // An empty underline text matches nothing: "sign up here" carries no underline, and
     // the field's own target opens the pricing page.
-    f_SignUp->setText(ZRClickableURLTextField::hyperlinkFromString(QStringLiteral("sign up here"),
-                                                                   QStringLiteral(""), QUrl()));
+    f_SignUp->setAttributedStringValue(ZRClickableURLTextField::hyperlinkFromString(
+        QStringLiteral("sign up here"), QStringLiteral(""), QUrl()));
     f_SignUp->setTargetURL(QUrl(QStringLiteral("http://%1/pricing").arg(Service::webHost())));
     validateButtons();
 

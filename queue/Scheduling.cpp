@@ -147,11 +147,11 @@ void MainController::handleError(QVStreamer *streamer, const QString &message, q
 {
     hlog("error");
     if (streamer == accountInfo) {
-        textAccountInfo->setText(QStringLiteral("Hoplift! - not connected..."));
+        textAccountInfo->setAttributedStringValue(QStringLiteral("Hoplift! - not connected..."));
         userNameInfo->setText(QString());
         // The word "Error:" stands twice on purpose: the line is built in two steps.
         const QString first = QStringLiteral("Error:%1 (%2)").arg(message).arg(code);
-        textSpaceandPreference->setText(
+        textSpaceandPreference->setAttributedStringValue(
             QStringLiteral("Error:%1 - %2")
                 .arg(first.toHtmlEscaped(), QStringLiteral("<u>Preferences</u>")));
     } else if (streamer == uploader) {

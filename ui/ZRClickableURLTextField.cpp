@@ -41,6 +41,30 @@ QString ZRClickableURLTextField::hyperlinkFromString(const QString &text,
     return html;
 }
 
+void ZRClickableURLTextField::setAttributedStringValue(const QString &html)
+{
+    storage = html;
+    applyStorage();
+}
+
+void ZRClickableURLTextField::applyStorage()
+{
+    // Rich text paints anchors in the application's link colour; the field's own colour
+    // is written into each anchor instead.
+    const QString color = palette().color(foregroundRole()).name(QColor::HexArgb);
+    QString html = storage;
+    html.replace(QLatin1String("<a href="),
+                 QStringLiteral("<a style=\"color:%1\" href=").arg(color));
+    setText(html);
+}
+
+void ZRClickableURLTextField::changeEvent(QEvent *event)
+{
+    QLabel::changeEvent(event);
+    if (event->type() == QEvent::PaletteChange && !storage.isNull())
+        applyStorage();
+}
+
 QString ZRClickableURLTextField::linkAt(const QPoint &point) const
 {
     const QRect area = contentsRect();

@@ -22,6 +22,13 @@ public:
     static QString hyperlinkFromString(const QString &text, const QString &underlineText,
                                        const QUrl &url, const QFont *font = nullptr);
 
+    /**
+     * @brief Shows link text made by hyperlinkFromString(); link runs take the field's
+     * text colour, also when it changes later.
+     */
+    void setAttributedStringValue(const QString &html);
+    QString attributedStringValue() const { return storage; }
+
     void setTargetURL(const QUrl &url) { targetURL = url; }
     QUrl target() const { return targetURL; }
     /** @brief The link under a point of the field, or an empty string. */
@@ -32,7 +39,11 @@ Q_SIGNALS:
 
 protected:
     void mouseReleaseEvent(QMouseEvent *event) override;
+    void changeEvent(QEvent *event) override;
 
 private:
+    void applyStorage();
+
+    QString storage;
     QUrl targetURL;
 };
