@@ -39,3 +39,13 @@ void hlog(const char *format, ...)
     if (observer)
         observer(line);
 }
+
+void hassert(const char *file, int line, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    char message[1024];
+    std::vsnprintf(message, sizeof message, format, args);
+    va_end(args);
+    hlog("*** Assertion failure in %s:%d: %s", file, line, message);
+}

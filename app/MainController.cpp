@@ -49,6 +49,10 @@ MainController::MainController() : window(new QMainWindow), ui(new Ui::MainWindo
     window->installEventFilter(this);
     buildAccountSheet();
     // Quit leaves through the event loop's end, where the queue is saved.
+    QObject::connect(addButton, &QPushButton::clicked, this, [this] { addButtonPressed(); });
+    QObject::connect(ui->actionAddFiles, &QAction::triggered, this, [this] { addButtonPressed(); });
+    QObject::connect(StopRestartButton, &QPushButton::clicked, this,
+                     [this] { stopRestartPressed(); });
     QObject::connect(ui->actionQuit, &QAction::triggered, this, [] { QCoreApplication::exit(0); });
     awakeFromNib();
 }
@@ -57,8 +61,11 @@ MainController::~MainController()
 {
     if (mainController == this)
         mainController = nullptr;
+    // No events reach this controller while the window's widgets go.
+    window->removeEventFilter(this);
+    subviewTableView->viewport()->removeEventFilter(this);
     if (dropText && !dropText->parent())
-        delete dropText; // out of the list while it has rows
+        delete dropText.data(); // out of the list while it has rows
     delete window;
     delete ui;
 }
@@ -95,6 +102,11 @@ void MainController::applicationDidFinishLaunching()
     subviewControllers.clear();
     trackingButtons.clear();
     trackingRectIds.clear();
+    if (!tableViewController) {
+        tableViewController =
+            SubviewTableViewController::controllerWithViewColumn(subviewTableView);
+        tableViewController->setDelegate(this);
+    }
 
     b_addFilesSpin->setRange(0, 0); // indeterminate
 

@@ -2,10 +2,12 @@
 
 #include "net/QVStreamer.h"
 #include "ui/SubviewController.h"
+#include "ui/SubviewTableViewController.h"
 
 #include <QColor>
 #include <QList>
 #include <QObject>
+#include <QPointer>
 #include <QString>
 #include <QStringList>
 #include <QUrl>
@@ -48,7 +50,10 @@ extern const QString QVUploadFilesKey;
  * the account requests and the busy indicator; queue/AddFiles.cpp turns paths into rows;
  * queue/QueueCommands.cpp holds the commands on the queue and its saving.
  */
-class MainController : public QObject, public QVStreamerDelegate, public SubviewActionObject
+class MainController : public QObject,
+                       public QVStreamerDelegate,
+                       public SubviewActionObject,
+                       public SubviewTableViewControllerDataSourceProtocol
 {
     Q_OBJECT
 public:
@@ -144,6 +149,20 @@ public:
 
     // SubviewActionObject: a row's buttons.
     void buttonPressed(SubviewController *sender, int buttonIndex) override;
+    /** @brief Takes a row out of the queue, stopping it first if it is the current upload. */
+    void removeRow(SubviewController *row, bool reSelect);
+    /** @brief The delete keys on the list: the selected rows leave the queue. */
+    void keyDown(int key);
+    /** @brief The button under the list: stop all, or restart all. */
+    void stopRestartPressed();
+
+    // The list's data source.
+    QVSubView *tableViewViewForRow(iTableView *tableView, int row) override;
+    bool respondsToTableMessage(SubviewTableMessage message) const override;
+    int numberOfRowsInTableView(iTableView *tableView) override;
+    float tableViewHeightOfRow(iTableView *tableView, int row) override;
+    void tableViewSelectionDidChange(iTableView *tableView) override;
+    SubviewTableViewController *tableController() const { return tableViewController; }
 
     QMainWindow *mainWindow() const { return window; }
     /** @brief The queue in display order. */
@@ -188,7 +207,7 @@ private:
     QProgressBar *b_addFilesSpin = nullptr;
     QLabel *textaddFiles = nullptr;
     UpdateChecker *suupdater = nullptr;
-    QLabel *dropText = nullptr;
+    QPointer<QLabel> dropText; // made on first need
     QLabel *logoImage = nullptr;
     QLabel *backgrImage = nullptr;
     QVGradient *backgrGradient = nullptr;

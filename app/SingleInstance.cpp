@@ -58,10 +58,17 @@ void SingleInstance::readFrom(QLocalSocket *socket)
     }
     socket->write("k", 1);
     socket->flush();
-    if (paths.isEmpty())
-        emit raiseRequested();
-    else
-        emit filesReceived(paths);
+    // Handed on from the event loop, not from inside the socket's signal: adding files
+    // runs waits of its own, in which this socket may close and be deleted.
+    QMetaObject::invokeMethod(
+        this,
+        [this, paths] {
+            if (paths.isEmpty())
+                emit raiseRequested();
+            else
+                emit filesReceived(paths);
+        },
+        Qt::QueuedConnection);
 }
 
 bool SingleInstance::sendToPrimary(const QStringList &paths, int timeoutMs)

@@ -6,6 +6,7 @@
 #include "queue/FolderWalk.h"
 #include "ui/QVRolloverButton.h"
 #include "ui/SubviewController.h"
+#include "ui/SubviewTableViewController.h"
 #include "ui_MainWindow.h"
 
 #include <QFileDialog>
@@ -172,6 +173,8 @@ void MainController::addFiles(const QStringList &paths, bool sanityCheck)
         subviewTableView->repaint();
     }
     deactivateInfoText();
+    tableViewController->reloadTableView();
+    validateButtons(); // the stop button and the empty list's hint follow the new rows
     saveUploadFiles();
     refreshAccountInfo();
     startNextUpload();

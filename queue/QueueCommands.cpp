@@ -4,11 +4,13 @@
 #include "ui/SubviewController.h"
 
 #include "ui/QVRolloverButton.h"
+#include "ui/SubviewTableViewController.h"
 #include "ui/iTableView.h"
 #include "ui_MainWindow.h"
 
 #include <QFontMetrics>
 #include <QIcon>
+#include <QItemSelectionModel>
 #include <QLabel>
 #include <QPushButton>
 #include <QSettings>
@@ -48,6 +50,7 @@ void MainController::stopAllUploads(bool requeue)
         currentUpload->requeue();
     else
         currentUpload->stopUpload();
+    notifyRowHeight(rowOf(subviewControllers, currentUpload));
     currentUpload = nullptr;
 }
 
@@ -64,17 +67,10 @@ void MainController::buttonPressed(SubviewController *sender, int buttonIndex)
         startNextUpload();
         break;
     case 2:
-        for (auto it = subviewControllers.begin(); it != subviewControllers.end(); ++it) {
-            if (it->get() != sender)
-                continue;
-            if (currentUpload == sender) {
-                uploader->stopUpload();
-                sender->stopUpload();
-                currentUpload = nullptr;
-            }
-            subviewControllers.erase(it);
-            break;
-        }
+        postButtonTrackingNotification(ButtonTrackingDisable, this);
+        removeRow(sender, true);
+        tableViewController->reloadTableView();
+        postButtonTrackingNotification(ButtonTrackingEnable, this);
         saveUploadFiles();
         startNextUpload();
         break;
@@ -159,8 +155,111 @@ void MainController::placeDropText()
                           50 + height);
 }
 
-void MainController::notifyRowHeight(int)
+void MainController::removeRow(SubviewController *row, bool reSelect)
 {
+    if (row == currentUpload) {
+        uploader->stopUpload();
+        row->stopUpload();
+        currentUpload = nullptr;
+    }
+    const int index = rowOf(subviewControllers, row);
+    if (index < 0)
+        return;
+    if (reSelect) {
+        // The selection keeps the same rows: those below the removed one move up by one.
+        QItemSelectionModel *selection = subviewTableView->selectionModel();
+        const QModelIndexList selected = selection->selectedRows();
+        QList<int> kept;
+        for (const QModelIndex &cell : selected) {
+            if (cell.row() != index)
+                kept << (cell.row() > index ? cell.row() - 1 : cell.row());
+        }
+        if (kept.size() < selected.size()) {
+            QItemSelection rows;
+            for (int r : std::as_const(kept))
+                rows.select(tableViewController->index(r, 0), tableViewController->index(r, 0));
+            selection->select(rows,
+                              QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
+        }
+    }
+    subviewControllers.erase(subviewControllers.begin() + index);
+}
+
+void MainController::keyDown(int key)
+{
+    if (key != Qt::Key_Backspace && key != Qt::Key_Delete)
+        return;
+    postButtonTrackingNotification(ButtonTrackingDisable, this);
+    QItemSelectionModel *selection = subviewTableView->selectionModel();
+    std::vector<bool> selected(subviewControllers.size(), false);
+    for (const QModelIndex &cell : selection->selectedRows()) {
+        if (cell.row() >= 0 && size_t(cell.row()) < selected.size())
+            selected[size_t(cell.row())] = true;
+    }
+    selection->clearSelection();
+    // From the last row down, so the indexes still to visit stay valid.
+    for (size_t i = selected.size(); i-- > 0;) {
+        if (selected[i])
+            removeRow(subviewControllers[i].get(), false);
+    }
+    tableViewController->reloadTableView();
+    postButtonTrackingNotification(ButtonTrackingEnable, this);
+    saveUploadFiles();
+    startNextUpload();
+    validateButtons();
+}
+
+void MainController::stopRestartPressed()
+{
+    if (hasStopableItems()) {
+        stopAllUploads(false);
+        for (const auto &row : subviewControllers) {
+            if (row->canStop())
+                row->stopUpload();
+        }
+        validateButtons();
+    } else {
+        for (const auto &row : subviewControllers) {
+            if (row->canReStart())
+                row->requeue();
+        }
+        validateButtons();
+        refreshAccountInfo();
+        startNextUpload();
+    }
+}
+
+QVSubView *MainController::tableViewViewForRow(iTableView *, int row)
+{
+    return subviewControllers[size_t(row)]->view();
+}
+
+bool MainController::respondsToTableMessage(SubviewTableMessage message) const
+{
+    return message == SubviewTableMessage::NumberOfRows ||
+           message == SubviewTableMessage::HeightOfRow ||
+           message == SubviewTableMessage::SelectionDidChange;
+}
+
+int MainController::numberOfRowsInTableView(iTableView *)
+{
+    return int(subviewControllers.size());
+}
+
+float MainController::tableViewHeightOfRow(iTableView *, int row)
+{
+    return subviewControllers[size_t(row)]->rowHeight();
+}
+
+void MainController::tableViewSelectionDidChange(iTableView *)
+{
+    validateButtons();
+}
+
+void MainController::notifyRowHeight(int row)
+{
+    if (tableViewController && row >= 0)
+        tableViewController->noteHeightOfRowsChanged(row);
     notifyExitTracking();
 }
 

@@ -18,6 +18,6 @@ mkdir -p "$XDG_CONFIG_HOME" "$XDG_DATA_HOME" "$XDG_CACHE_HOME" "$XDG_STATE_HOME"
 for preset in debug sanitize; do
     cmake --preset "$preset"
     cmake --build --preset "$preset" -j "$jobs"
-    dbus-run-session -- env QT_QPA_PLATFORM=offscreen \
+    dbus-run-session -- env QT_QPA_PLATFORM=offscreen tests/with-keyring.sh \
         ctest --preset "$preset" --output-on-failure -j "$jobs"
 done

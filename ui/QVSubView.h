@@ -8,6 +8,7 @@
 class QLabel;
 class QProgressBar;
 class QVRolloverButton;
+class SubviewController;
 
 /**
  * @brief The view of one upload row: icon, state badge, name, status line, progress bar and
@@ -29,6 +30,10 @@ public:
     QVRolloverButton *buttonRetry() const { return _buttonRetry; }
     QVRolloverButton *buttonCancelDel() const { return _buttonCancelDel; }
     QVRolloverButton *buttonOpen() const { return _buttonOpen; }
+
+    /** @brief The row this view shows (not owned); the list gives the view back through it. */
+    void setOwner(SubviewController *row) { _owner = row; }
+    SubviewController *owner() const { return _owner; }
 
     /** @brief Sets the row's height; every control keeps its distance to the bottom edge. */
     void setFrameHeight(int height);
@@ -64,6 +69,7 @@ private:
     QVRolloverButton *_buttonRetry;
     QVRolloverButton *_buttonCancelDel;
     QVRolloverButton *_buttonOpen;
+    SubviewController *_owner = nullptr;
     int baseWidth;
     std::array<Slot, 8> placements;
 };

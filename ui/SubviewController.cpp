@@ -150,6 +150,7 @@ QVSubView *SubviewController::view()
     if (subview)
         return subview;
     subview = new QVSubView(350);
+    subview->setOwner(this);
     progressIndicator = subview->progressIndicator();
     imageView = subview->imageView();
     imageState = subview->imageState();

@@ -10,6 +10,8 @@
 #include <optional>
 
 class QLabel;
+class QPainterPath;
+class QRectF;
 class QProgressBar;
 class QVRolloverButton;
 class QVSubView;
@@ -42,6 +44,8 @@ public:
     static std::unique_ptr<SubviewController> controller();
     /** @brief "empty file", "%lu Bytes", "%.1f KB", "%.2f MB", "%.2f GB" or "%d TB". */
     static QString initSizeString(quint64 bytes);
+    /** @brief A rectangle with elliptic corners of these radii (at most half its sides). */
+    static QPainterPath bezierPathWithRoundRect(const QRectF &rect, qreal xRadius, qreal yRadius);
     /** @brief Replaces the clock behind the time estimates (tests); an empty one restores it. */
     static void setClock(std::function<Clock::time_point()> now);
 

@@ -33,11 +33,13 @@ QString ZRClickableURLTextField::hyperlinkFromString(const QString &text,
     }
     QString html =
         text.left(start).toHtmlEscaped() + run + text.mid(start + length).toHtmlEscaped();
-    if (font)
-        html = QStringLiteral("<span style=\"font-family:'%1'; font-size:%2pt\">%3</span>")
-                   .arg(font->family().toHtmlEscaped())
-                   .arg(font->pointSizeF())
-                   .arg(html);
+    if (font) {
+        // A font set in pixels has no point size.
+        const QString size = font->pointSizeF() > 0 ? QStringLiteral("%1pt").arg(font->pointSizeF())
+                                                    : QStringLiteral("%1px").arg(font->pixelSize());
+        html = QStringLiteral("<span style=\"font-family:'%1'; font-size:%2\">%3</span>")
+                   .arg(font->family().toHtmlEscaped(), size, html);
+    }
     return html;
 }
 
