@@ -1,6 +1,9 @@
 // The hoplift binary as the desktop sees it: one instance per user, the power
-// registration with logind, and the failure without a system bus.
+// registration with logind, sleep and wake during an upload, SIGTERM, and the failure
+// without a system bus.
+#include "app/Keychain.h"
 #include "app/SingleInstance.h"
+#include "support/LocalService.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -8,6 +11,7 @@
 #include <QDBusReply>
 #include <QDBusVariant>
 #include <QProcess>
+#include <QSettings>
 #include <QSignalSpy>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -31,9 +35,17 @@ private Q_SLOTS:
     void withoutSystemBusExitsWithFailureLine();
     void laterStartHandsItsPathsToTheFirst_data();
     void laterStartHandsItsPathsToTheFirst();
-    void sleepReleasesTheDelayLockAndWakeTakesItAgain();
+    void sleepRequeuesTheUploadAndWakeResumesIt();
+    void terminationSavesTheInterruptedFileFirst();
 
 private:
+    /** @brief Settings of the program under test: the demo account at url, a saved queue. */
+    void writeSettings(const QString &url, const QStringList &queue);
+    QVariant savedQueue() const;
+    QString makeFile(const QString &name, qint64 size);
+    /** @brief Waits until the program's log holds line count times. */
+    bool waitForLog(QProcess &hoplift, QByteArray &log, const QByteArray &line, int count);
+
     QProcessEnvironment hopliftEnvironment() const;
     int hopliftInhibitors();
     void emitPrepareForSleep(bool start);
@@ -187,25 +199,111 @@ void TestShell::laterStartHandsItsPathsToTheFirst()
     QCOMPARE(files.first().first().toStringList(), expected);
 }
 
-void TestShell::sleepReleasesTheDelayLockAndWakeTakesItAgain()
+void TestShell::writeSettings(const QString &url, const QStringList &queue)
 {
+    QSettings settings(home.filePath(QStringLiteral("config/kelvara/Hoplift.conf")),
+                       QSettings::NativeFormat);
+    settings.clear();
+    settings.setValue(QStringLiteral("Account URL"), url);
+    settings.setValue(QStringLiteral("Username"), QStringLiteral("demo"));
+    settings.setValue(QStringLiteral("UploadFiles"), queue);
+    settings.sync();
+    // The password waits in the secret store, with its zero byte, as Hoplift keeps it.
+    QCOMPARE(StorePasswordKeychain("demo", 5), 0);
+}
+
+QVariant TestShell::savedQueue() const
+{
+    QSettings settings(home.filePath(QStringLiteral("config/kelvara/Hoplift.conf")),
+                       QSettings::NativeFormat);
+    return settings.value(QStringLiteral("UploadFiles"));
+}
+
+QString TestShell::makeFile(const QString &name, qint64 size)
+{
+    const QString path = home.filePath(name);
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly))
+        file.write(QByteArray(size, 'h'));
+    return path;
+}
+
+bool TestShell::waitForLog(QProcess &hoplift, QByteArray &log, const QByteArray &line, int count)
+{
+    return QTest::qWaitFor(
+        [&] {
+            log += hoplift.readAllStandardError();
+            return log.count(line) >= count;
+        },
+        20000);
+}
+
+void TestShell::sleepRequeuesTheUploadAndWakeResumesIt()
+{
+    // The service answers late, so the upload is still waiting for its answer at sleep.
+    LocalService service;
+    QString why;
+    QVERIFY2(service.start({QStringLiteral("--delay-ms"), QStringLiteral("1500")}, &why),
+             qPrintable(why));
+    const QString file = makeFile(QStringLiteral("sleepy.bin"), 5000);
+    writeSettings(service.baseUrl(), {file});
+
     QProcess hoplift;
     hoplift.setProcessEnvironment(hopliftEnvironment());
-    hoplift.setProcessChannelMode(QProcess::ForwardedOutputChannel);
     hoplift.start(hopliftBinary(), {});
     QVERIFY(hoplift.waitForStarted());
     QTRY_COMPARE_WITH_TIMEOUT(hopliftInhibitors(), 1, 20000);
+    QByteArray log;
+    const QByteArray starting = "Hoplift: starting: " + file.toUtf8() + '\n';
+    QVERIFY2(waitForLog(hoplift, log, starting, 1), log.constData());
+    QTest::qWait(300);
 
     emitPrepareForSleep(true);
     QTRY_COMPARE_WITH_TIMEOUT(hopliftInhibitors(), 0, 10000);
+    QVERIFY(waitForLog(hoplift, log, "Hoplift: going to sleep...\n", 1));
+    // Back from sleep: the lock is taken again and the requeued file is sent anew.
     emitPrepareForSleep(false);
     QTRY_COMPARE_WITH_TIMEOUT(hopliftInhibitors(), 1, 10000);
-    QVERIFY(hoplift.readAllStandardError().contains("Hoplift: going to sleep...\n"));
+    QVERIFY2(waitForLog(hoplift, log, starting, 2), log.constData());
+    QTRY_VERIFY_WITH_TIMEOUT(!savedQueue().isValid(), 20000); // done: the queue is empty
+    QCOMPARE(QFileInfo(QDir(service.accountFolder()).filePath(QStringLiteral("sleepy.bin"))).size(),
+             5000);
 
     hoplift.terminate();
     QVERIFY(hoplift.waitForFinished(10000));
     QCOMPARE(hoplift.exitStatus(), QProcess::NormalExit);
     QCOMPARE(hoplift.exitCode(), 0);
+}
+
+void TestShell::terminationSavesTheInterruptedFileFirst()
+{
+    LocalService service;
+    QString why;
+    QVERIFY2(service.start({QStringLiteral("--delay-ms"), QStringLiteral("1500")}, &why),
+             qPrintable(why));
+    const QStringList queue{makeFile(QStringLiteral("first.bin"), 3000),
+                            makeFile(QStringLiteral("second.bin"), 4000)};
+    writeSettings(service.baseUrl(), queue);
+
+    for (int run = 0; run < 2; ++run) {
+        QProcess hoplift;
+        hoplift.setProcessEnvironment(hopliftEnvironment());
+        hoplift.start(hopliftBinary(), {});
+        QVERIFY(hoplift.waitForStarted());
+        QByteArray log;
+        // Each start begins with the interrupted file.
+        QVERIFY2(waitForLog(hoplift, log, "Hoplift: starting: " + queue[0].toUtf8() + '\n', 1),
+                 log.constData());
+        if (run == 1) // the second start is left to finish
+            QTRY_VERIFY_WITH_TIMEOUT(!savedQueue().isValid(), 20000);
+        hoplift.terminate();
+        QVERIFY(hoplift.waitForFinished(10000));
+        QCOMPARE(hoplift.exitCode(), 0);
+        if (run == 0)
+            QCOMPARE(savedQueue().toStringList(), queue);
+    }
+    for (const char *name : {"first.bin", "second.bin"})
+        QVERIFY(QFileInfo::exists(QDir(service.accountFolder()).filePath(QLatin1String(name))));
 }
 
 QTEST_GUILESS_MAIN(TestShell)

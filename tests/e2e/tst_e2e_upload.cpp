@@ -60,8 +60,15 @@ private Q_SLOTS:
     void initTestCase();
     void init();
     void filesFoldersAndBundlesLandIntact();
+    void openedFilesJoinAfterTheRestoredQueue();
+    void closingTheWindowMinimisesAndTheUploadGoesOn();
 
 private:
+    /** @brief Settings and password of the demo account at the service, and a saved queue. */
+    void useAccount(MainController &controller, const LocalService &service,
+                    const QStringList &savedQueue = {});
+    QStringList pathsOf(const MainController &controller) const;
+
     QTemporaryDir config;
     QTemporaryDir files;
 };
@@ -122,6 +129,75 @@ void TestE2eUpload::filesFoldersAndBundlesLandIntact()
              QStringList{QStringLiteral("Viewer.app/Contents/Info.plist")});
     // Finished rows leave the saved queue.
     QVERIFY(!QSettings().contains(QStringLiteral("UploadFiles")));
+}
+
+void TestE2eUpload::useAccount(MainController &controller, const LocalService &service,
+                               const QStringList &savedQueue)
+{
+    QSettings().setValue(QStringLiteral("Account URL"), service.baseUrl());
+    QSettings().setValue(QStringLiteral("Username"), QStringLiteral("demo"));
+    if (!savedQueue.isEmpty())
+        QSettings().setValue(QStringLiteral("UploadFiles"), savedQueue);
+    QVERIFY(controller.savePassword(QStringLiteral("demo")));
+}
+
+QStringList TestE2eUpload::pathsOf(const MainController &controller) const
+{
+    QStringList paths;
+    for (const auto &row : controller.queue())
+        paths << row->fileWithPath();
+    return paths;
+}
+
+void TestE2eUpload::openedFilesJoinAfterTheRestoredQueue()
+{
+    LocalService service;
+    QString why;
+    QVERIFY2(service.start({}, &why), qPrintable(why));
+    QStringList paths;
+    for (const char *name : {"saved1.txt", "saved2.txt", "opened.txt", "later.txt"}) {
+        paths << files.filePath(QLatin1String(name));
+        writeFile(paths.last(), 1000, name[0]);
+    }
+    MainController controller;
+    useAccount(controller, service, paths.mid(0, 2));
+
+    // The desktop hands a file over while Hoplift is still starting.
+    controller.applicationOpenFiles({paths[2]});
+    controller.applicationDidFinishLaunching();
+    QCOMPARE(pathsOf(controller), paths.mid(0, 3));
+    QVERIFY(waitForQueue(controller, 30000));
+
+    // Handed to the running Hoplift with nothing uploading: it is sent at once.
+    controller.applicationOpenFiles({paths[3]});
+    QCOMPARE(pathsOf(controller), paths);
+    QVERIFY(waitForQueue(controller, 30000));
+    QCOMPARE(controller.queue().back()->uploadState(), 3);
+    QVERIFY(QFileInfo::exists(QDir(service.accountFolder()).filePath(QStringLiteral("later.txt"))));
+}
+
+void TestE2eUpload::closingTheWindowMinimisesAndTheUploadGoesOn()
+{
+    // The service answers late, so the upload is still under way when the window closes.
+    LocalService service;
+    QString why;
+    QVERIFY2(service.start({QStringLiteral("--delay-ms"), QStringLiteral("800")}, &why),
+             qPrintable(why));
+    const QString path = files.filePath(QStringLiteral("patient.bin"));
+    writeFile(path, 2 * 1024 * 1024, 'p');
+    MainController controller;
+    useAccount(controller, service);
+    controller.applicationDidFinishLaunching();
+    controller.mainWindow()->show();
+    controller.addFiles({path}, true);
+    QTRY_VERIFY(controller.queue().front()->isUploading());
+
+    QVERIFY(!controller.mainWindow()->close());
+    QVERIFY(controller.mainWindow()->isMinimized());
+    QVERIFY(waitForQueue(controller, 30000));
+    QCOMPARE(controller.queue().front()->uploadState(), 3);
+    QCOMPARE(sha256Of(QDir(service.accountFolder()).filePath(QStringLiteral("patient.bin"))),
+             sha256Of(path));
 }
 
 QTEST_MAIN(TestE2eUpload)
