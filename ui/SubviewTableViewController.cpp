@@ -6,6 +6,7 @@
 #include "ui/iTableView.h"
 
 #include <QHeaderView>
+#include <QPalette>
 #include <QScrollBar>
 #include <QTimer>
 
@@ -138,7 +139,12 @@ void SubviewTableViewController::placeRowViews()
             if (view->parentWidget() != host)
                 view->setParent(host);
             view->setGeometry(subviewTableView->visualRect(cell));
-            view->setTextColor(selection->isRowSelected(row) ? Qt::white : Qt::black);
+            // The theme's text colours: white on a selected row and black otherwise in a
+            // light theme, and readable in a dark one.
+            const QPalette &palette = subviewTableView->palette();
+            view->setTextColor(selection->isRowSelected(row)
+                                   ? palette.color(QPalette::HighlightedText)
+                                   : palette.color(QPalette::Text));
             view->show();
             now << view;
         }
