@@ -5,6 +5,7 @@
 
 #include <QFileInfo>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -343,6 +344,15 @@ void QVStreamer::readResponseBytes()
     const qint64 count = streams->read(streamBuffer, kPieceSize);
     if (count >= 1 && count <= kPieceSize && response)
         response->appendBytes(streamBuffer, count);
+    // Every answer Hoplift asks for is small (documents, artwork, an upload's receipt);
+    // a server that never stops sending is cut off like a broken connection.
+    if (response && response->body().size() > kMaxResponseBody) {
+        hlog("Error with stream!");
+        hlog("Error %i: %s", EFBIG, "response larger than 64 MiB");
+        stopStreaming();
+        ErrCode = EFBIG;
+        Errmsg = QStringLiteral("response larger than 64 MiB");
+    }
 }
 
 void QVStreamer::endOfResponse()

@@ -14,6 +14,9 @@
 #include <functional>
 #include <memory>
 
+/** @brief The most body bytes an answer may bring; more ends the request as an error. */
+constexpr qsizetype kMaxResponseBody = qsizetype(64) << 20;
+
 class QVStreamer;
 
 /** @brief The four optional callbacks of a QVStreamer, as asked for with respondsToCallback(). */

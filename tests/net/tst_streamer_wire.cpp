@@ -8,6 +8,8 @@
 #include <QCryptographicHash>
 #include <QFile>
 #include <QRegularExpression>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -66,6 +68,7 @@ private Q_SLOTS:
     void refusedConnectionStopsWithoutCallback();
     void serverClosingMidUploadEndsTheRequest();
     void largeUploadKeepsMemoryFlat();
+    void endlessAnswerIsCutOff();
 
 private:
     QString makeFile(const QString &name, qint64 size);
@@ -329,6 +332,31 @@ void TestStreamerWire::largeUploadKeepsMemoryFlat()
 #endif
     // Both ends run in this process; neither may hold the file.
     QVERIFY2(peak - before < 8 * 1024, "resident memory grew by more than 8 MiB");
+}
+
+void TestStreamerWire::endlessAnswerIsCutOff()
+{
+    // A server that answers a GET with a head and then never stops sending.
+    QTcpServer endless;
+    QVERIFY(endless.listen(QHostAddress::LocalHost));
+    const QByteArray block(1 << 20, 'z');
+    connect(&endless, &QTcpServer::newConnection, this, [&] {
+        QTcpSocket *socket = endless.nextPendingConnection();
+        socket->write("HTTP/1.1 200 OK\r\nContent-Type: text/xml\r\n\r\n");
+        connect(socket, &QTcpSocket::bytesWritten, socket, [socket, &block] {
+            if (socket->bytesToWrite() < block.size())
+                socket->write(block);
+        });
+        socket->write(block);
+    });
+    RecordingDelegate d;
+    QVStreamer s;
+    s.setDelegate(&d);
+    QVERIFY(s.getFromURL(
+        QStringLiteral("http://127.0.0.1:%1/api/account.xml").arg(endless.serverPort()), true));
+    QTRY_VERIFY_WITH_TIMEOUT(s.isRequestFinished(), 60000);
+    QCOMPARE(s.errorCode(), EFBIG);
+    QVERIFY(d.calls.isEmpty()); // like any broken connection: no answer is delivered
 }
 
 QTEST_GUILESS_MAIN(TestStreamerWire)
