@@ -424,6 +424,34 @@ class Journeys(unittest.TestCase):
         desk.screenshot("restarted")
         desk.quit_hoplift(hoplift)
 
+    def test_killed_mid_queue_restores_it(self):
+        desk = self.desktop(service_options=("--delay-ms", "1500"))
+        desk.seed_account()
+        files = [write_file(desk.path("files", f"part{i}.bin"), 4000 + i, i) for i in range(3)]
+        hoplift = desk.start_hoplift(*files)
+        desk.wait_log(hoplift, f"Hoplift: starting: {files[0]}")
+        hoplift.kill()  # no shutdown at all
+        hoplift.wait()
+        self.assertEqual(desk.saved_queue(), files)
+        # The next start takes over the lock left behind and sends everything.
+        again = desk.start_hoplift()
+        desk.wait_log(again, f"Hoplift: starting: {files[0]}")
+        wait_for(lambda: desk.saved_queue() is None, 40, "the queue to empty")
+        for path in files:
+            self.assertEqual(sha256(desk.stored(os.path.basename(path))), sha256(path))
+        desk.quit_hoplift(again)
+
+    def test_corrupt_settings_file(self):
+        desk = self.desktop()
+        os.makedirs(desk.path("config", "kelvara"))
+        with open(desk.path("config", "kelvara", "Hoplift.conf"), "wb") as f:
+            f.write(b"\x00\xff[General\nAccount%20URL\n=\x80\x81\nUploadFiles=@Variant(\x00\x00\n")
+        hoplift = desk.start_hoplift()
+        # Nothing readable in it: Hoplift asks for the account as on a first start.
+        self.fill_sheet(desk, f"127.0.0.1:{desk.port}", "demo", "demo")
+        wait_for(lambda: desk.settings().get("Account URL") == desk.url, 20, "the account")
+        desk.quit_hoplift(hoplift)
+
 
 if __name__ == "__main__":
     unittest.main()
