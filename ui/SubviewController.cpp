@@ -23,6 +23,7 @@
 namespace {
 
 std::function<SubviewController::Clock::time_point()> clockNow;
+SubviewController::StateObserver stateObserver;
 
 SubviewController::Clock::time_point now()
 {
@@ -100,6 +101,17 @@ QString SubviewController::initSizeString(quint64 bytes)
         return QString::asprintf("%.2f GB", double(bytes / 1048576) / 1024.0);
     // Whole GiB, cut to 32 bits, under the "TB" label: kept as the list has always shown it.
     return QString::asprintf("%d TB", qint32(quint32(bytes / 1073741824)));
+}
+
+void SubviewController::setStateObserver(StateObserver observer)
+{
+    stateObserver = std::move(observer);
+}
+
+void SubviewController::reportStateChange(qint32 oldState)
+{
+    if (stateObserver && oldState != _uploadState)
+        stateObserver(this, oldState, _uploadState);
 }
 
 void SubviewController::setActionObject(SubviewActionObject *object)
@@ -204,44 +216,56 @@ float SubviewController::rowHeight()
 
 void SubviewController::startUpload()
 {
+    const qint32 oldState = _uploadState;
     _uploadState = 1;
     startTime = now();
     progress = 0;
     calcFileSize(); // a bundle's archive exists from now on
     updateUI();
     resetTracking();
+    reportStateChange(oldState);
 }
 
 void SubviewController::registering()
 {
+    const qint32 oldState = _uploadState;
     _uploadState = 2;
     updateUI();
+    reportStateChange(oldState);
 }
 
 void SubviewController::completed()
 {
+    const qint32 oldState = _uploadState;
     _uploadState = 3;
     updateUI();
+    reportStateChange(oldState);
 }
 
 void SubviewController::stopUpload()
 {
+    const qint32 oldState = _uploadState;
     _uploadState = 4;
     updateUI();
+    reportStateChange(oldState);
 }
 
 void SubviewController::requeue()
 {
+    const qint32 oldState = _uploadState;
     _uploadState = 0;
     updateUI();
+    reportStateChange(oldState);
 }
 
 void SubviewController::errorOccurred(qint32 number, const QString &message)
 {
+    const qint32 oldState = _uploadState;
     errNum = number;
     _uploadState = 5;
     statusLineText = message;
     updateUI();
+    reportStateChange(oldState);
 }
 
 void SubviewController::doProgress(double percent)
@@ -386,8 +410,14 @@ void SubviewController::applyToView()
     }
     statusText->setText(statusLineText);
 
-    fileName->setText(lastPathComponent(_fileWithPath));
+    const QString name = lastPathComponent(_fileWithPath);
+    fileName->setText(name);
     fileName->setToolTip(_fileWithPath);
+    // Screen readers hear what each button does to which file.
+    buttonCancelDel->setAccessibleName(QStringLiteral("%1: %2").arg(cancelDelToolTip, name));
+    buttonRetry->setAccessibleName(QStringLiteral("Restart upload: %1").arg(name));
+    buttonOpen->setAccessibleName(QStringLiteral("Show in file manager: %1").arg(name));
+    statusText->setAccessibleName(QStringLiteral("Status of %1").arg(name));
     if (!_fileWithPath.isEmpty()) {
         const qreal ratio = subview->devicePixelRatioF();
         imageView->setPixmap(fileIcon(_fileWithPath, _isBundle).pixmap(QSize(32, 32), ratio));

@@ -48,6 +48,14 @@ public:
     static QPainterPath bezierPathWithRoundRect(const QRectF &rect, qreal xRadius, qreal yRadius);
     /** @brief Replaces the clock behind the time estimates (tests); an empty one restores it. */
     static void setClock(std::function<Clock::time_point()> now);
+    /**
+     * @brief Told of every row whose state one of the state operations (startUpload() to
+     * errorOccurred()) changed, once the row shows its new state; one for the whole
+     * process, an empty one removes it. setUploadState() is not reported.
+     */
+    using StateObserver =
+        std::function<void(SubviewController *row, qint32 oldState, qint32 newState)>;
+    static void setStateObserver(StateObserver observer);
 
     /** @brief The receiver of button presses (not owned). */
     void setActionObject(SubviewActionObject *object);
@@ -116,6 +124,8 @@ public:
 
 private:
     void applyToView();
+    /** @brief Tells the state observer when the state is no longer oldState. */
+    void reportStateChange(qint32 oldState);
     void disposeView();
 
     QPointer<QVSubView> subview;

@@ -3,7 +3,11 @@
 #include <QAbstractTextDocumentLayout>
 #include <QDesktopServices>
 #include <QFont>
+#include <QKeyEvent>
 #include <QMouseEvent>
+#include <QStyleOptionFocusRect>
+#include <QStylePainter>
+#include <QTextBlock>
 #include <QTextDocument>
 
 ZRClickableURLTextField::ZRClickableURLTextField(QWidget *parent) : QLabel(parent)
@@ -11,6 +15,8 @@ ZRClickableURLTextField::ZRClickableURLTextField(QWidget *parent) : QLabel(paren
     setTextFormat(Qt::RichText);
     // The whole field shows the hand, not only its link runs.
     setCursor(Qt::PointingHandCursor);
+    // Reachable with Tab; Return or Space act as a click on the field's first link.
+    setFocusPolicy(Qt::StrongFocus);
 }
 
 QString ZRClickableURLTextField::hyperlinkFromString(const QString &text,
@@ -103,4 +109,39 @@ void ZRClickableURLTextField::mouseReleaseEvent(QMouseEvent *event)
         QDesktopServices::openUrl(targetURL);
     emit clicked(this);
     QLabel::mouseReleaseEvent(event);
+}
+
+void ZRClickableURLTextField::keyPressEvent(QKeyEvent *event)
+{
+    if (event->key() != Qt::Key_Return && event->key() != Qt::Key_Enter &&
+        event->key() != Qt::Key_Space) {
+        QLabel::keyPressEvent(event);
+        return;
+    }
+    QTextDocument document;
+    document.setHtml(text());
+    QString link;
+    for (QTextBlock block = document.begin(); block.isValid() && link.isEmpty();
+         block = block.next()) {
+        for (auto it = block.begin(); !it.atEnd() && link.isEmpty(); ++it)
+            link = it.fragment().charFormat().anchorHref();
+    }
+    if (!link.isEmpty())
+        QDesktopServices::openUrl(QUrl::fromEncoded(link.toUtf8()));
+    else if (targetURL.isValid())
+        QDesktopServices::openUrl(targetURL);
+    emit clicked(this);
+}
+
+void ZRClickableURLTextField::paintEvent(QPaintEvent *event)
+{
+    QLabel::paintEvent(event);
+    if (!hasFocus())
+        return;
+    // A label draws no focus of its own; keyboard users need to see where they are.
+    QStylePainter painter(this);
+    QStyleOptionFocusRect option;
+    option.initFrom(this);
+    option.backgroundColor = palette().color(backgroundRole());
+    painter.drawPrimitive(QStyle::PE_FrameFocusRect, option);
 }
