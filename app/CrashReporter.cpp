@@ -9,6 +9,7 @@
 #include <QDialog>
 #include <QDialogButtonBox>
 #include <QDir>
+#include <QFileInfo>
 #include <QFontDatabase>
 #include <QLabel>
 #include <QMessageBox>
@@ -143,6 +144,18 @@ QDir crashDirectory()
 
 const QString kSeenMarker = QStringLiteral("last-seen");
 
+// A crash log tells what the user was doing: the folder is the user's alone (made so, and
+// made so again when an older Hoplift left it open to others), as is every log in it.
+bool makePrivateFolder(const QDir &dir)
+{
+    constexpr QFileDevice::Permissions ownerOnly =
+        QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner;
+    if (!dir.exists() &&
+        !(QDir().mkpath(QFileInfo(dir.path()).path()) && QDir().mkdir(dir.path(), ownerOnly)))
+        return false;
+    return QFile::setPermissions(dir.path(), ownerOnly);
+}
+
 // Logs are named crash-<unix seconds>-<pid>.log: later means a later second, then the name.
 bool isLater(const QString &log, const QString &than)
 {
@@ -227,7 +240,7 @@ void CrashReporter::installHandler()
         return;
     const QDir dir = crashDirectory();
     const QByteArray prefix = QFile::encodeName(dir.filePath(QStringLiteral("crash-")));
-    if (!dir.mkpath(QStringLiteral(".")) || size_t(prefix.size()) >= sizeof logPathPrefix) {
+    if (!makePrivateFolder(dir) || size_t(prefix.size()) >= sizeof logPathPrefix) {
         hlog("crash report: cannot use %s, no crash logs will be written", qPrintable(dir.path()));
         return;
     }

@@ -1,6 +1,7 @@
 #include "app/MainController.h"
 
 #include "app/CrashReporter.h"
+#include "app/DesktopNotifier.h"
 #include "app/Log.h"
 #include "app/RunLoop.h"
 #include "app/Service.h"
@@ -12,6 +13,7 @@
 #include <QCheckBox>
 #include <QCloseEvent>
 #include <QCoreApplication>
+#include <QFile>
 #include <QIcon>
 #include <QLabel>
 #include <QMainWindow>
@@ -23,6 +25,13 @@ const QString QVUserNameKey = QStringLiteral("Username");
 const QString QVUploadFilesKey = QStringLiteral("UploadFiles");
 
 MainController *mainController = nullptr;
+
+void syncSettings(QSettings &settings)
+{
+    settings.sync();
+    // The file names the account and the files being sent: nobody else's business.
+    QFile::setPermissions(settings.fileName(), QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+}
 
 MainController::MainController() : window(new QMainWindow), ui(new Ui::MainWindow)
 {
@@ -37,7 +46,8 @@ MainController::MainController() : window(new QMainWindow), ui(new Ui::MainWindo
     textDropInfo = ui->textDropInfo;
     b_addFilesSpin = ui->b_addFilesSpin;
     textaddFiles = ui->textaddFiles;
-    subviewTableView->hide(); // the drop area stands in for the empty list
+    subviewTableView->hide();                   // the drop area stands in for the empty list
+    userNameInfo->setTextFormat(Qt::PlainText); // names come from the service
     StopRestartButton->setIcon(QIcon(QStringLiteral(":/images/stop-all")));
     StopRestartText->setText(QStringLiteral("Stop all"));
     logoImage = ui->logoImage;
@@ -54,6 +64,7 @@ MainController::MainController() : window(new QMainWindow), ui(new Ui::MainWindo
     QObject::connect(StopRestartButton, &QPushButton::clicked, this,
                      [this] { stopRestartPressed(); });
     QObject::connect(ui->actionQuit, &QAction::triggered, this, [] { QCoreApplication::exit(0); });
+    notifier = new DesktopNotifier(this, window);
     awakeFromNib();
 }
 

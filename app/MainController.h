@@ -17,12 +17,14 @@
 #include <set>
 #include <vector>
 
+class DesktopNotifier;
 class QCheckBox;
 class QDialog;
 class QLabel;
 class QLineEdit;
 class QMainWindow;
 class QProgressBar;
+class QSettings;
 class QPushButton;
 class QTimer;
 class QVDropView;
@@ -142,6 +144,8 @@ public:
     void validateButtons();
     bool hasStopableItems() const;
     bool hasReStartableItems() const;
+    /** @brief The position of a row in the queue, or -1. */
+    int rowOf(const SubviewController *row) const;
     /** @brief Rows from row to the end changed height. */
     void notifyRowHeight(int row);
     /** @brief No hover image survives rows moving. */
@@ -207,6 +211,7 @@ private:
     QProgressBar *b_addFilesSpin = nullptr;
     QLabel *textaddFiles = nullptr;
     UpdateChecker *suupdater = nullptr;
+    DesktopNotifier *notifier = nullptr;
     QPointer<QLabel> dropText; // made on first need
     QLabel *logoImage = nullptr;
     QLabel *backgrImage = nullptr;
@@ -260,6 +265,9 @@ private:
     SubviewTableViewController *tableViewController = nullptr;
     std::vector<std::unique_ptr<SubviewController>> subviewControllers;
 };
+
+/** @brief Writes the settings to disk at once, readable by the user alone. */
+void syncSettings(QSettings &settings);
 
 /** @brief The one controller, once launching has reached it; null before. */
 extern MainController *mainController;

@@ -204,6 +204,7 @@ void MainController::sheetDidEnd(int returnCode)
         QSettings settings;
         settings.setValue(QVURLKey, targetURL);
         settings.setValue(QVUserNameKey, userName);
+        syncSettings(settings);
         // Without the box the stored password is overwritten with an empty one.
         savePassword(b_SavePass->isChecked() ? password : QStringLiteral(""));
     }

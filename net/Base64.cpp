@@ -5,7 +5,7 @@
 
 namespace {
 
-const char bintoasc[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr char bintoasc[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 // 0..63 for the alphabet, 0x80 for everything else ('=' included).
 struct AscToBin

@@ -15,16 +15,14 @@
 #include <QPushButton>
 #include <QSettings>
 
-namespace {
-int rowOf(const std::vector<std::unique_ptr<SubviewController>> &rows, const SubviewController *row)
+int MainController::rowOf(const SubviewController *row) const
 {
-    for (size_t i = 0; i < rows.size(); ++i) {
-        if (rows[i].get() == row)
+    for (size_t i = 0; i < subviewControllers.size(); ++i) {
+        if (subviewControllers[i].get() == row)
             return int(i);
     }
     return -1;
 }
-} // namespace
 
 void MainController::saveUploadFiles()
 {
@@ -38,7 +36,7 @@ void MainController::saveUploadFiles()
         settings.remove(QVUploadFilesKey);
     else
         settings.setValue(QVUploadFilesKey, paths);
-    settings.sync();
+    syncSettings(settings);
 }
 
 void MainController::stopAllUploads(bool requeue)
@@ -50,7 +48,7 @@ void MainController::stopAllUploads(bool requeue)
         currentUpload->requeue();
     else
         currentUpload->stopUpload();
-    notifyRowHeight(rowOf(subviewControllers, currentUpload));
+    notifyRowHeight(rowOf(currentUpload));
     currentUpload = nullptr;
 }
 
@@ -61,7 +59,7 @@ void MainController::buttonPressed(SubviewController *sender, int buttonIndex)
         uploader->stopUpload();
         if (currentUpload) {
             currentUpload->stopUpload();
-            notifyRowHeight(rowOf(subviewControllers, currentUpload));
+            notifyRowHeight(rowOf(currentUpload));
         }
         updateAccountInfo(targetURL);
         startNextUpload();
@@ -162,7 +160,7 @@ void MainController::removeRow(SubviewController *row, bool reSelect)
         row->stopUpload();
         currentUpload = nullptr;
     }
-    const int index = rowOf(subviewControllers, row);
+    const int index = rowOf(row);
     if (index < 0)
         return;
     if (reSelect) {

@@ -14,25 +14,11 @@
 #include <QLabel>
 #include <QTimer>
 
-namespace {
-
-qsizetype positionOf(const std::vector<std::unique_ptr<SubviewController>> &rows,
-                     const SubviewController *row)
-{
-    for (size_t i = 0; i < rows.size(); ++i) {
-        if (rows[i].get() == row)
-            return qsizetype(i);
-    }
-    return -1;
-}
-
-} // namespace
-
 void MainController::startNextUpload()
 {
     if (!accountValid)
         return;
-    qsizetype position = positionOf(subviewControllers, currentUpload);
+    qsizetype position = rowOf(currentUpload);
     bool newlyChosen = false;
     QString uploadName;
 
@@ -104,7 +90,7 @@ void MainController::startNextUpload()
     }
 
     if (position < 0 && currentUpload)
-        position = positionOf(subviewControllers, currentUpload);
+        position = rowOf(currentUpload);
     if (position >= 0)
         notifyRowHeight(int(position));
     validateButtons();
@@ -157,7 +143,7 @@ void MainController::handleError(QVStreamer *streamer, const QString &message, q
     } else if (streamer == uploader) {
         if (currentUpload) {
             currentUpload->errorOccurred(-1, QStringLiteral("Error during upload..."));
-            notifyRowHeight(int(positionOf(subviewControllers, currentUpload)));
+            notifyRowHeight(rowOf(currentUpload));
         }
         updateAccountInfo(targetURL);
         startNextUpload();
@@ -178,7 +164,7 @@ void MainController::responseComplete(QVStreamer *streamer, const QByteArray &bo
         if (!finished)
             return;
         finished->completed();
-        notifyRowHeight(int(positionOf(subviewControllers, finished)));
+        notifyRowHeight(rowOf(finished));
         updateAccountInfo(targetURL);
         saveUploadFiles();
         if (quint64(account_spaceavailable) < 2 * finished->uploadSize()) {

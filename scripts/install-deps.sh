@@ -16,6 +16,9 @@ packages=(
   iproute2 util-linux zip unzip
   # desktop runs and screenshots
   xvfb xauth xdotool imagemagick desktop-file-utils fonts-dejavu-core
+  # Debian packages and their checks: dpkg-shlibdeps, man pages, AppStream, lintian,
+  # the desktop's MIME lookups, the user unit
+  dpkg-dev file man-db appstream lintian xdg-utils systemd
 )
 
 missing=()
