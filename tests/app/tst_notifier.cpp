@@ -246,7 +246,7 @@ void TestNotifier::noticesWhileOutOfSight()
     const qsizetype before = notices().size();
     QVERIFY(launch());
     if (active) {
-        controller->mainWindow()->show(); // offscreen, this alone makes it the active window
+        controller->mainWindow()->show(); // in sight, and the active window
         controller->mainWindow()->activateWindow();
         QVERIFY(QTest::qWaitForWindowActive(controller->mainWindow()));
     }
