@@ -1,5 +1,7 @@
 #include "net/QVSocketStreamPair.h"
 
+#include <QScopeGuard>
+
 #include <cerrno>
 
 namespace {
@@ -113,10 +115,24 @@ qint64 QVSslStreamPair::write(const char *data, qint64 length)
 
 void QVSslStreamPair::pumpOutput()
 {
+    // flush() below emits bytesWritten, which lands here again: the loop already running
+    // carries on by itself.
+    if (pumpingOutput)
+        return;
+    pumpingOutput = true;
+    const auto done = qScopeGuard([this] { pumpingOutput = false; });
+
     QElapsedTimer slice;
     slice.start();
-    while (outputOpen && connected && client && pendingBytes() < kWriteBudget &&
-           socket.state() == QAbstractSocket::ConnectedState) {
+    while (outputOpen && connected && client && socket.state() == QAbstractSocket::ConnectedState) {
+        if (pendingBytes() >= kWriteBudget) {
+            // Hand the batch to the kernel (encrypting it first) now rather than on the
+            // next trip through the event loop; a full socket ends the run, and its
+            // bytesWritten starts the next.
+            socket.flush();
+            if (pendingBytes() >= kWriteBudget)
+                return;
+        }
         const qint64 before = pendingBytes();
         if (!deliver(QVStreamSide::Output, QVStreamEvent::HasSpaceAvailable))
             return;

@@ -4,13 +4,13 @@
 #include "net/QVSocketStreamPair.h"
 
 #include <QByteArray>
-#include <QFile>
 #include <QObject>
 #include <QPointer>
 #include <QString>
 #include <QTimer>
 #include <QUrl>
 
+#include <cstdio>
 #include <functional>
 #include <memory>
 
@@ -18,6 +18,25 @@
 constexpr qsizetype kMaxResponseBody = qsizetype(64) << 20;
 
 class QVStreamer;
+
+/**
+ * @brief The file of an upload, read front to back. Pieces are copied out of a read-ahead
+ * buffer, so that the kernel is asked for a large block only now and then.
+ */
+class QVFileStream
+{
+public:
+    explicit QVFileStream(const QString &path);
+    ~QVFileStream();
+    QVFileStream(const QVFileStream &) = delete;
+    QVFileStream &operator=(const QVFileStream &) = delete;
+    /** @brief Up to maxLength bytes: the count, 0 at the end, -1 when the file cannot be read. */
+    qint64 read(char *buffer, qint64 maxLength);
+
+private:
+    std::FILE *file = nullptr;
+    std::unique_ptr<char[]> readAhead;
+};
 
 /** @brief The four optional callbacks of a QVStreamer, as asked for with respondsToCallback(). */
 enum class QVStreamerCallback
@@ -181,7 +200,7 @@ private:
     std::unique_ptr<QVHttpResponse> response;
     std::unique_ptr<QVHttpResponse> request;
     quint32 byteIndex = 0;
-    std::unique_ptr<QFile> fileStream;
+    std::unique_ptr<QVFileStream> fileStream;
     // Both streams live in one pair; the flags say which of them is still open.
     bool iStream = false;
     bool oStream = false;
