@@ -6,6 +6,7 @@
 #include "app/RunLoop.h"
 #include "app/Service.h"
 #include "app/UpdateChecker.h"
+#include "queue/QueueSaver.h"
 #include "queue/ZipFile.h"
 #include "ui/ZRClickableURLTextField.h"
 #include "ui_MainWindow.h"
@@ -195,6 +196,7 @@ void MainController::applicationWillTerminate()
 {
     stopAllUploads(true);
     saveUploadFiles();
+    waitForSavedQueue();
     if (zipper)
         zipper->removeZipArchive();
 }

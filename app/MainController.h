@@ -34,6 +34,7 @@ class SubviewTableViewController;
 class UpdateChecker;
 class ZRClickableURLTextField;
 class ZipFile;
+class QueueSaver;
 class iTableView;
 namespace Ui {
 class MainWindow;
@@ -138,8 +139,11 @@ public:
 
     /** @brief Stops the current upload; requeue: it goes back to the queue, else it is stopped. */
     void stopAllUploads(bool requeue);
-    /** @brief Stores the paths of the queued and restartable rows under "UploadFiles". */
+    /** @brief Stores the paths of the queued and restartable rows under "UploadFiles"; the
+     * file itself is written on a thread of its own, see waitForSavedQueue(). */
     void saveUploadFiles();
+    /** @brief Returns once the last saveUploadFiles() is on disk. */
+    void waitForSavedQueue();
     /** @brief The stop-all/restart-all button, row colours and the empty-list hint. */
     void validateButtons();
     bool hasStopableItems() const;
@@ -264,6 +268,9 @@ private:
     SubviewController *currentUpload = nullptr;
     SubviewTableViewController *tableViewController = nullptr;
     std::vector<std::unique_ptr<SubviewController>> subviewControllers;
+
+    // Not part of the window's state: the writer behind saveUploadFiles().
+    std::unique_ptr<QueueSaver> queueSaver;
 };
 
 /** @brief Writes the settings to disk at once, readable by the user alone. */

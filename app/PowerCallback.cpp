@@ -8,8 +8,11 @@ void callback(void *, quint32, quint32 messageType, void *)
     switch (messageType) {
     case PowerMessage::SystemWillSleep:
         hlog("going to sleep...");
-        if (mainController)
+        if (mainController) {
             mainController->stopAllUploads(true);
+            // A queue still being written reaches the disk before the machine sleeps.
+            mainController->waitForSavedQueue();
+        }
         if (groot_port)
             groot_port->allowPowerChange();
         break;

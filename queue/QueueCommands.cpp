@@ -1,6 +1,7 @@
 // MainController: what the user does to rows that exist, and the saved queue.
 #include "app/MainController.h"
 
+#include "queue/QueueSaver.h"
 #include "ui/SubviewController.h"
 
 #include "ui/QVRolloverButton.h"
@@ -31,12 +32,16 @@ void MainController::saveUploadFiles()
         if (row->uploadState() == 0 || row->canReStart())
             paths << row->fileWithPath();
     }
-    QSettings settings;
-    if (paths.isEmpty())
-        settings.remove(QVUploadFilesKey);
-    else
-        settings.setValue(QVUploadFilesKey, paths);
-    syncSettings(settings);
+    // Writing out a long queue takes milliseconds that the window should not wait for.
+    if (!queueSaver)
+        queueSaver = std::make_unique<QueueSaver>(QVUploadFilesKey);
+    queueSaver->save(std::move(paths));
+}
+
+void MainController::waitForSavedQueue()
+{
+    if (queueSaver)
+        queueSaver->wait();
 }
 
 void MainController::stopAllUploads(bool requeue)

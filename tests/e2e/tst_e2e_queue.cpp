@@ -341,7 +341,10 @@ void TestE2eQueue::savedQueueFollowsTheRows()
     LocalService service;
     MainController controller;
     QVERIFY(launch(controller, service, {QStringLiteral("--delay-ms"), QStringLiteral("500")}));
-    const auto saved = [] { return QSettings().value(savedKey).toStringList(); };
+    const auto saved = [&controller] {
+        controller.waitForSavedQueue();
+        return QSettings().value(savedKey).toStringList();
+    };
     const auto &rows = controller.queue();
     const QString a = makeFile(QStringLiteral("a.bin"), 3000);
     const QString b = makeFile(QStringLiteral("b.bin"), 3000);
@@ -356,6 +359,7 @@ void TestE2eQueue::savedQueueFollowsTheRows()
     QTRY_COMPARE_WITH_TIMEOUT(rows[2]->uploadState(), 3, 15000);
     QCOMPARE(saved(), QStringList{gone}); // the failed row stays
     controller.buttonPressed(rows[1].get(), 2);
+    controller.waitForSavedQueue();
     QVERIFY(!QSettings().contains(savedKey));
 
     const QString e = makeFile(QStringLiteral("e.bin"), 3000);

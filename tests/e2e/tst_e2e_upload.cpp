@@ -128,6 +128,7 @@ void TestE2eUpload::filesFoldersAndBundlesLandIntact()
     QCOMPARE(QString::fromUtf8(unzip.readAllStandardOutput()).split(u'\n', Qt::SkipEmptyParts),
              QStringList{QStringLiteral("Viewer.app/Contents/Info.plist")});
     // Finished rows leave the saved queue.
+    controller.waitForSavedQueue();
     QVERIFY(!QSettings().contains(QStringLiteral("UploadFiles")));
 }
 

@@ -180,6 +180,7 @@ void TestAddFiles::batchCountsWeighsAndMakesRows()
     made.sort();
     QCOMPARE(made, rows);
 
+    controller.waitForSavedQueue();
     QStringList saved = QSettings().value(QStringLiteral("UploadFiles")).toStringList();
     QCOMPARE(saved.size(), rows.size());
 }

@@ -188,6 +188,7 @@ void TestTable::deleteKeysRemoveTheSelectedRows()
     for (const auto &row : controller.queue())
         left << row->fileWithPath();
     QCOMPARE(left, (QStringList{paths[0], paths[2], paths[4]}));
+    controller.waitForSavedQueue();
     QCOMPARE(QSettings().value(QStringLiteral("UploadFiles")).toStringList(), left);
     QVERIFY(!list->selectionModel()->hasSelection());
 
