@@ -114,6 +114,9 @@ words = ("upload queue account folder bundle archive progress window service ans
          "piece socket header request kelvara linux desktop photo image video music "
          "the of and to in is that it for on with as was at by be this from").split()
 corpus = " ".join(random.choice(words) for _ in range(1_500_000)).encode()
+# Already-compressed data: slices of the corpus deflated once, farther apart than any
+# window a compressor looks back over.
+packed = b"".join(zlib.compress(corpus[at:at + (1 << 20)], 9) for at in range(0, len(corpus), 1 << 20))
 total, count = 500 << 20, 2000
 for i in range(count):
     size = total // count
@@ -128,11 +131,8 @@ for i in range(count):
         data = os.urandom(size)
         name = "blob%d.bin" % i
     else:
-        data = b""
-        while len(data) < size:
-            at = random.randrange(len(corpus) - 4 * size)
-            data += zlib.compress(corpus[at:at + 4 * size], 9)
-        data = data[:size]
+        at = random.randrange(len(packed) - size)
+        data = packed[at:at + size]
         name = "pack%d.gz" % i
     with open(os.path.join(folder, name), "wb") as f:
         f.write(data)

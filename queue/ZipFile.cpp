@@ -100,6 +100,9 @@ qint32 ZipFile::addFileToArchive(const QString &path, const QString &pathInArchi
         zipOpenNewFileInZip(zf, pathInArchive.toUtf8().constData(), &zi, nullptr, 0, nullptr, 0,
                             nullptr, opt_compress_level != 0 ? Z_DEFLATED : 0, opt_compress_level);
     archiveOpen = false;
+    // stdio takes a size only together with a buffer; alone it keeps 4 KiB. The buffer
+    // outlives the stream.
+    std::unique_ptr<char[]> streamBuffer;
     FILE *fin = nullptr;
     if (err == ZIP_OK) {
         archiveOpen = true;
@@ -114,7 +117,8 @@ qint32 ZipFile::addFileToArchive(const QString &path, const QString &pathInArchi
 
     // buf is gone only when this writer outlived a closeArchive() that could not finish it.
     if (fin && buf) {
-        std::setvbuf(fin, nullptr, _IOFBF, streamBufferSize);
+        streamBuffer = std::make_unique<char[]>(streamBufferSize);
+        std::setvbuf(fin, streamBuffer.get(), _IOFBF, streamBufferSize);
         size_t sizeRead = 0;
         do {
             // Nothing else touches this stream, so stdio's per-call lock is pure cost.
