@@ -93,7 +93,18 @@ void QVSslStreamPair::onOpened()
 
 qint64 QVSslStreamPair::pendingBytes() const
 {
-    return socket.bytesToWrite() + socket.encryptedBytesToWrite();
+    return staged.size() + socket.bytesToWrite() + socket.encryptedBytesToWrite();
+}
+
+void QVSslStreamPair::handOver()
+{
+    if (staged.isEmpty() || socket.state() != QAbstractSocket::ConnectedState)
+        return;
+    socket.write(staged);
+    staged.resize(0); // keeps its capacity
+    // Into the kernel (encrypted first) now rather than on the next trip through the loop;
+    // what the kernel does not take yet waits in the socket for its bytesWritten.
+    socket.flush();
 }
 
 qint64 QVSslStreamPair::read(char *buffer, qint64 maxLength)
@@ -110,7 +121,11 @@ qint64 QVSslStreamPair::write(const char *data, qint64 length)
     const qint64 room = kWriteBudget - pendingBytes();
     if (room <= 0 || length <= 0)
         return 0;
-    return socket.write(data, qMin(room, length));
+    const qint64 taken = qMin(room, length);
+    staged.append(data, taken);
+    if (!pumpingOutput)
+        handOver();
+    return taken;
 }
 
 void QVSslStreamPair::pumpOutput()
@@ -120,16 +135,19 @@ void QVSslStreamPair::pumpOutput()
     if (pumpingOutput)
         return;
     pumpingOutput = true;
-    const auto done = qScopeGuard([this] { pumpingOutput = false; });
+    const auto done = qScopeGuard([this] {
+        pumpingOutput = false;
+        handOver();
+    });
 
     QElapsedTimer slice;
     slice.start();
     while (outputOpen && connected && client && socket.state() == QAbstractSocket::ConnectedState) {
         if (pendingBytes() >= kWriteBudget) {
-            // Hand the batch to the kernel (encrypting it first) now rather than on the
-            // next trip through the event loop; a full socket ends the run, and its
+            // A full batch goes to the socket in one write, and so in full-sized TLS
+            // records; a socket that cannot take it all ends the run, and its
             // bytesWritten starts the next.
-            socket.flush();
+            handOver();
             if (pendingBytes() >= kWriteBudget)
                 return;
         }
@@ -209,6 +227,8 @@ void QVSslStreamPair::closeInput()
 
 void QVSslStreamPair::closeOutput()
 {
+    // Bytes already taken are still sent.
+    handOver();
     outputOpen = false;
     finishIfBothClosed();
 }
@@ -223,5 +243,6 @@ void QVSslStreamPair::abortConnection()
 {
     inputOpen = false;
     outputOpen = false;
+    staged.clear();
     socket.abort();
 }

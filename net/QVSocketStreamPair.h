@@ -112,8 +112,11 @@ private:
     void onError(QAbstractSocket::SocketError error);
     void finishIfBothClosed();
     qint64 pendingBytes() const;
+    /** @brief Gives the pieces taken since the last call to the socket in one write. */
+    void handOver();
 
     QSslSocket socket;
+    QByteArray staged; // pieces taken while a run of space events goes on
     bool inputOpen = false;
     bool outputOpen = false;
     bool connected = false;
