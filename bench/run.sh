@@ -29,12 +29,22 @@ fi
 
 work="$HOPLIFT_BENCH_INNER"
 bin=build/release
+# What the programs log goes here; a failing step shows its end.
+log=build/release/bench/bench.log
+: >"$log"
 pids=()
 cleanup() {
     for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
     wait 2>/dev/null || true
 }
 trap cleanup EXIT
+trap 'echo "A benchmark failed; the end of $log:"; tail -n 20 "$log"' ERR
+need() { # value, what: a step whose output was read in a substitution
+    [ -n "$1" ] && return
+    echo "$2 failed; the end of $log:"
+    tail -n 20 "$log"
+    exit 1
+}
 
 server_core=()
 client_core=()
@@ -86,7 +96,8 @@ for scheme in http https; do
     : >"$work/hl.$scheme"
     : >"$work/curl.$scheme"
     for _ in 1 2 3; do
-        "${client_core[@]}" "$bin/bench/bench_upload" "$url" demo demo "$big" >>"$work/hl.$scheme"
+        "${client_core[@]}" "$bin/bench/bench_upload" "$url" demo demo "$big" \
+            >>"$work/hl.$scheme" 2>>"$log"
         rm -f "$stored"/*
         "${client_core[@]}" curl -sS -k -o /dev/null -w '%{time_total}\n' -u demo:demo \
             -H 'Expect:' -F "file=@$big" "$url/api/assets" >>"$work/curl.$scheme"
@@ -140,7 +151,8 @@ EOF
 : >"$work/zip.hl"
 : >"$work/zip.ref"
 for _ in 1 2 3; do
-    "${client_core[@]}" "$bin/bench/bench_zip" "$work/bundle/Sample.app" "$work/hl.zip" >>"$work/zip.hl"
+    "${client_core[@]}" "$bin/bench/bench_zip" "$work/bundle/Sample.app" "$work/hl.zip" \
+        >>"$work/zip.hl" 2>>"$log"
     rm -f "$work/hl.zip"
     start=$(date +%s%N)
     (cd "$work/bundle" && "${client_core[@]}" zip -r -q -6 "$work/ref.zip" Sample.app)
@@ -154,14 +166,16 @@ row "pack a 2,000-file, 500 MiB bundle (time)" "${hl} s" "${ref} s" "$(ratio "$h
 rm -rf "$work/bundle"
 
 # ---- adding a folder of 100,000 small files
-read -r hl du perrow < <("${client_core[@]}" "$bin/bench/bench_addfiles" 100000)
+read -r hl du perrow < <("${client_core[@]}" "$bin/bench/bench_addfiles" 100000 2>>"$log")
+need "$perrow" "Adding files"
 row "add a folder of 100,000 files (time)" "${hl} s" "${du} s" "$(ratio "$hl" "$du")" \
     "du -sb; target < 10 s"
 row "resident memory per added row" "${perrow} B" "" "" "target < 2048 B"
 
 # ---- one completion in queues of 1,000, 10,000 and 100,000 rows
 for n in 1000 10000 100000; do
-    read -r cost handover write < <("${client_core[@]}" "$bin/bench/bench_completion" "$http" "$n")
+    read -r cost handover write < <("${client_core[@]}" "$bin/bench/bench_completion" "$http" "$n" 2>>"$log")
+    need "$write" "The completion bench"
     rm -rf "${stored:?}"/*
     row "one completion, $n rows" "${cost} ms" "" "" "target < 5 ms at 10,000 rows"
     row "  of it, handing the saved queue over" "${handover} ms" "" "" ""
@@ -169,7 +183,7 @@ for n in 1000 10000 100000; do
 done
 
 # ---- start-up of the real program to a verified account
-su=$("${client_core[@]}" "$bin/bench/bench_startup" "$bin/hoplift" "$http")
+su=$("${client_core[@]}" "$bin/bench/bench_startup" "$bin/hoplift" "$http" 2>>"$log")
 row "start-up to a verified account" "${su} s" "1.0 s" "$(ratio "$su" 1)" "target < 1 s"
 
 echo
