@@ -66,7 +66,9 @@ private Q_SLOTS:
     void redirectWithoutHandlerOrAutoRedirectFails();
     void redirectToHttpsUsesTlsOnPort443();
     void refusedConnectionStopsWithoutCallback();
+    void serverClosingMidUploadEndsTheRequest_data();
     void serverClosingMidUploadEndsTheRequest();
+    void answerCutShortEndsWithWhatCame();
     void largeUploadKeepsMemoryFlat();
     void endlessAnswerIsCutOff();
 
@@ -277,11 +279,19 @@ void TestStreamerWire::refusedConnectionStopsWithoutCallback()
     QVERIFY(d.calls.isEmpty());
 }
 
+void TestStreamerWire::serverClosingMidUploadEndsTheRequest_data()
+{
+    QTest::addColumn<qint64>("closeAfter");
+    QTest::newRow("in the head") << qint64(40);
+    QTest::newRow("in the body") << qint64(100000);
+}
+
 void TestStreamerWire::serverClosingMidUploadEndsTheRequest()
 {
+    QFETCH(qint64, closeAfter);
     LoopbackHttpServer server;
     QVERIFY(server.listenOnLoopback());
-    server.setCloseAfter(100000);
+    server.setCloseAfter(closeAfter);
     const QString path = makeFile(QStringLiteral("cut.bin"), 8 << 20);
     RecordingDelegate d;
     QVStreamer s;
@@ -291,6 +301,22 @@ void TestStreamerWire::serverClosingMidUploadEndsTheRequest()
     QTRY_VERIFY_WITH_TIMEOUT(s.isRequestFinished(), 20000);
     QVERIFY(d.calls.isEmpty() || d.calls == QStringList{QStringLiteral("complete 0")});
     QVERIFY(s.bytesSent() < s.requestSize());
+}
+
+void TestStreamerWire::answerCutShortEndsWithWhatCame()
+{
+    // The end of the connection is the end of the answer, whatever its length said.
+    LoopbackHttpServer server;
+    QVERIFY(server.listenOnLoopback());
+    server.setResponse("HTTP/1.1 201 Created\r\nContent-Length: 100\r\n\r\n<asset>");
+    const QString path = makeFile(QStringLiteral("whole.bin"), 5000);
+    RecordingDelegate d;
+    QVStreamer s;
+    s.setDelegate(&d);
+    QVERIFY(s.uploadFile(path, server.baseUrl() + QStringLiteral("/api/assets"), false));
+    QTRY_COMPARE_WITH_TIMEOUT(d.calls, QStringList{QStringLiteral("complete 201")}, 10000);
+    QCOMPARE(d.body, QByteArray("<asset>"));
+    QCOMPARE(s.bytesSent(), s.requestSize());
 }
 
 void TestStreamerWire::largeUploadKeepsMemoryFlat()
