@@ -4,6 +4,7 @@
 //   bench_addfiles [COUNT]
 #include "app/MainController.h"
 #include "support/LoopbackHttpServer.h"
+#include "support/ProcStatus.h"
 
 #include <QApplication>
 #include <QDir>
@@ -17,18 +18,6 @@
 #include <cstdio>
 
 namespace {
-
-qint64 statusKiB(const char *field)
-{
-    QFile f(QStringLiteral("/proc/self/status"));
-    if (!f.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : f.readAll().split('\n')) {
-        if (line.startsWith(field))
-            return line.mid(qstrlen(field) + 1).trimmed().split(' ').first().toLongLong();
-    }
-    return -1;
-}
 
 double timeDu(const QString &path)
 {

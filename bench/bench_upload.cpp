@@ -6,6 +6,7 @@
 //
 //   bench_upload URL USER PASSWORD FILE
 #include "net/QVStreamer.h"
+#include "support/ProcStatus.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -15,18 +16,6 @@
 #include <cstdio>
 
 namespace {
-
-qint64 statusKiB(const char *field)
-{
-    QFile f(QStringLiteral("/proc/self/status"));
-    if (!f.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : f.readAll().split('\n')) {
-        if (line.startsWith(field))
-            return line.mid(qstrlen(field)).trimmed().split(' ').first().toLongLong();
-    }
-    return -1;
-}
 
 // Writing 5 to clear_refs starts the peak resident size (VmHWM) over from the current one.
 bool resetPeak()

@@ -4,7 +4,6 @@
 
 #include "app/Log.h"
 #include "app/RunLoop.h"
-#include "queue/FolderWalk.h"
 #include "queue/ZipFile.h"
 #include "ui/SubviewController.h"
 #include "ui/ZRClickableURLTextField.h"
@@ -207,14 +206,5 @@ void MainController::handleRedirect(QVStreamer *streamer, const QString &newURL,
 
 void MainController::addFilesToZip(const QString &path, const QString &relativePath)
 {
-    FolderWalk::WalkGuard guard(path);
-    if (!guard.entered)
-        return;
-    for (const FolderWalk::Entry &e : FolderWalk::listFolder(path)) {
-        const QString inArchive = relativePath + QLatin1Char('/') + e.name;
-        if (e.isDirectory)
-            addFilesToZip(e.path, inArchive);
-        else
-            zipper->addFileToArchive(e.path, inArchive);
-    }
+    addFolderToArchive(*zipper, path, relativePath);
 }

@@ -1,5 +1,7 @@
 #include "queue/ZipFile.h"
 
+#include "queue/FolderWalk.h"
+
 #include "app/Log.h"
 
 #include <QFile>
@@ -168,4 +170,18 @@ bool ZipFile::removeZipArchive()
         removed = QFile::remove(_archivePath);
     _archivePath.clear();
     return removed;
+}
+
+void addFolderToArchive(ZipFile &zip, const QString &path, const QString &relativePath)
+{
+    FolderWalk::WalkGuard guard(path);
+    if (!guard.entered)
+        return;
+    for (const FolderWalk::Entry &e : FolderWalk::listFolder(path)) {
+        const QString inArchive = relativePath + QLatin1Char('/') + e.name;
+        if (e.isDirectory)
+            addFolderToArchive(zip, e.path, inArchive);
+        else
+            zip.addFileToArchive(e.path, inArchive);
+    }
 }

@@ -18,6 +18,15 @@ using zipFile = void *;
  */
 int filetime(const char *f, tm_zip *tmzip, unsigned long *dt);
 
+class ZipFile;
+
+/**
+ * @brief Adds every file under the folder at path to zip as relativePath/NAME..., in the
+ * order the file system gives them: hidden names left out, links followed, a link back to
+ * a folder on the walk skipped.
+ */
+void addFolderToArchive(ZipFile &zip, const QString &path, const QString &relativePath);
+
 /**
  * @brief Packs a bundle into one temporary zip archive: createArchive(), then
  * addFileToArchive() for every file, then closeArchive(). Failures are logged and answered

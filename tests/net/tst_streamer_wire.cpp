@@ -3,6 +3,7 @@
 #include "net/QVStreamer.h"
 #include "support/LogCapture.h"
 #include "support/LoopbackHttpServer.h"
+#include "support/ProcStatus.h"
 #include "support/RecordingDelegate.h"
 
 #include <QCryptographicHash>
@@ -16,19 +17,6 @@
 #include <cerrno>
 
 namespace {
-
-// Resident memory of this process in KiB, from /proc/self/status ("VmRSS", "VmHWM").
-qint64 statusKiB(const char *field)
-{
-    QFile f(QStringLiteral("/proc/self/status"));
-    if (!f.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : f.readAll().split('\n')) {
-        if (line.startsWith(field))
-            return line.mid(qstrlen(field) + 1).trimmed().split(' ').first().toLongLong();
-    }
-    return -1;
-}
 
 QByteArray sha256OfRequest(const QVStreamer &s, const QByteArray &bodyStart, const QString &path,
                            const QByteArray &bodyEnd)
