@@ -3,6 +3,7 @@
 // where no archive can be made, and a settings file that cannot be written. Each test shows
 // what becomes of the row at fault and that the rest of the queue is not lost.
 #include "app/MainController.h"
+#include "support/E2eSupport.h"
 #include "support/LocalService.h"
 #include "ui/SubviewController.h"
 
@@ -133,27 +134,12 @@ void TestE2eFaults::init()
 
 QString TestE2eFaults::makeFile(const QString &name, qint64 size)
 {
-    const QString path = QDir(folder).filePath(name);
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        qFatal("cannot write %s", qPrintable(path));
-    QByteArray block(65536, Qt::Uninitialized);
-    for (qsizetype i = 0; i < block.size(); ++i)
-        block[i] = char(name.size() + i * 7);
-    for (qint64 left = size; left > 0; left -= block.size())
-        file.write(block.constData(), qMin<qint64>(left, block.size()));
-    return path;
+    return makePatternFile(folder, name, size);
 }
 
 bool TestE2eFaults::launch(MainController &controller, const QString &baseUrl)
 {
-    QSettings().setValue(QStringLiteral("Account URL"), baseUrl);
-    QSettings().setValue(QStringLiteral("Username"), QStringLiteral("demo"));
-    if (!controller.savePassword(QStringLiteral("demo")))
-        return false;
-    controller.applicationDidFinishLaunching();
-    return true;
+    return launchDemoAccount(controller, baseUrl);
 }
 
 QStringList TestE2eFaults::savedQueue(MainController &controller)

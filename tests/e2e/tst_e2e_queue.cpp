@@ -2,6 +2,7 @@
 // upload's answer makes of a row, a bundle's archive as the service stores it, stop all and
 // restart all, and the saved queue under "UploadFiles".
 #include "app/MainController.h"
+#include "support/E2eSupport.h"
 #include "support/LocalService.h"
 #include "ui/SubviewController.h"
 
@@ -127,27 +128,12 @@ void TestE2eQueue::init()
 
 QString TestE2eQueue::makeFile(const QString &name, qint64 size)
 {
-    const QString path = QDir(folder).filePath(name);
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        qFatal("cannot write %s", qPrintable(path));
-    QByteArray block(65536, Qt::Uninitialized);
-    for (qsizetype i = 0; i < block.size(); ++i)
-        block[i] = char(name.size() + i * 7);
-    for (qint64 left = size; left > 0; left -= block.size())
-        file.write(block.constData(), qMin<qint64>(left, block.size()));
-    return path;
+    return makePatternFile(folder, name, size);
 }
 
 bool TestE2eQueue::launch(MainController &controller, const QString &baseUrl)
 {
-    QSettings().setValue(QStringLiteral("Account URL"), baseUrl);
-    QSettings().setValue(QStringLiteral("Username"), QStringLiteral("demo"));
-    if (!controller.savePassword(QStringLiteral("demo")))
-        return false;
-    controller.applicationDidFinishLaunching();
-    return true;
+    return launchDemoAccount(controller, baseUrl);
 }
 
 bool TestE2eQueue::launch(MainController &controller, LocalService &service,
