@@ -1,0 +1,119 @@
+"""What becomes of an upload body: the asset lands inside the account folder under a safe name with its exact
+bytes, never replacing another; a body not understood gets a 400, leaves nothing and is not held in memory."""
+
+import html
+import os
+import socket
+import struct
+import unittest
+
+from kltest import BOUNDARY as B, MULTIPART, MiB, Server, hoplift_body, part, raw_request, wait_for
+
+END, F = b"--" + B + b"--\r\n", b'form-data; name="file"; filename="%s"'
+# Content-Disposition of the one part -> the stored name, or None for a 400.
+DISPOSITIONS = [
+    (F % b"../../etc/passwd", "passwd"), (F % b'a"b.txt', 'a"b.txt'), (F % b"C:\\Users\\u\\report.doc", "report.doc"),
+    (F % b"", "unnamed"), (F % b".", "unnamed (2)"), (F % b"dir/..", "unnamed (3)"), (F % b"  spaced  ", "spaced"),
+    (b"form-data; name=file", "unnamed (4)"), (F % b"a\x01b\tc\x7f\xc2\x85.txt", "abc.txt"),
+    (F % b"bad\xff\xfeutf8 caf\xc3\xa9 \xed\xa0\x80.txt", "bad__utf8 caf\u00e9 ___.txt"), (F % b".profile", "_profile"),
+    (F % (b"a" * 300 + b".txt"), "a" * 196 + ".txt"), (F % (b"\xe2\x82\xac" * 120 + b".bin"), "\u20ac" * 65 + ".bin"),
+    (F % b"README", "README"), (F % b"README", "README (2)"), (F % b"a.tar.gz", "a.tar.gz"),
+    (F % b"a.tar.gz", "a.tar (2).gz"), (F % b"<img src=x onerror=alert(1)>&amp;", "<img src=x onerror=alert(1)>&amp;"),
+    (F % b'"', '"'), (F % b"a;b=c.txt", "a;b=c.txt"), (F % b"x\"; filename*=UTF-8''y", "x"),
+    (b'form-data; filename="first"; name="file"', "first"), (b'FORM-DATA;NAME="file";FILENAME="u"', "u"),
+    (b'form-data; name="comment"', None), (b'attachment; name="file"', None), (b'form-data; filename="x"', None),
+    (b'form-data; name="file"; filename="cut', None), (b"form-data; name", None)]
+TAIL = b"j" * (32 * MiB)
+SHAPE = (b"preamble\r\n" + part(b'Content-Disposition: form-data; name="comment"', b"hello") + b"--" + B +
+         b' \t\r\ncontent-disposition: form-data; filename="shape.bin"; name=file\r\n\r\nDATA\r\n--' + B + b"--")
+# Content-Type, body -> the stored content, or None for a 400.
+BODIES = [
+    ('Multipart/Form-Data;boundary="a b:c"', hoplift_body(b"q", b"1", b"a b:c"), b"1"),
+    ("multipart/form-data; charset=utf-8; BOUNDARY=xyz", hoplift_body(b"p", b"2", b"xyz"), b"2"),
+    (MULTIPART, SHAPE, b"DATA"), (MULTIPART, SHAPE + b"\r\nepilogue --" + B + b" junk", b"DATA"),
+    (MULTIPART, hoplift_body(b"empty", b""), b""), ("multipart/form-data", hoplift_body(b"x", b"x"), None),
+    ('multipart/form-data; boundary=""', hoplift_body(b"x", b"x"), None), ("application/octet-stream", b"raw", None),
+    ("multipart/mixed; boundary=abc", hoplift_body(b"x", b"x", b"abc"), None), (None, hoplift_body(b"x", b"x"), None),
+    ("multipart/form-data; boundary=" + "b" * 201, hoplift_body(b"x", b"x", b"b" * 201), None),
+    (MULTIPART, part(b"Content-Type: text/plain") + END, None), (MULTIPART, part(b"Content-Disposition f") + END, None),
+    (MULTIPART, part(F % b"x", b"data" * 1000)[:-10], None),  # cut inside the data
+    (MULTIPART, hoplift_body(b"x", b"data").replace(B, b"0xOtHeR") + TAIL, None),  # no delimiter ever
+    (MULTIPART, b"--" + B + b'\r\nContent-Disposition: form-data; name="' + TAIL, None),  # a header line never ends
+    (MULTIPART, part(F % b"x")[:-2] + b"--" + B + b"X" + TAIL, None)]  # junk after a delimiter
+
+
+class UploadsTest(unittest.TestCase):
+    def test_names_are_made_safe_and_never_replace_an_asset(self):
+        with Server() as server:
+            for value, stored in DISPOSITIONS:
+                with self.subTest(value=value):
+                    resp = server.request("POST", "/api/assets", part(b"Content-Disposition: " + value, value) + END,
+                                          {"Content-Type": MULTIPART})
+                    self.assertEqual(resp.status, 201 if stored else 400, resp.body)
+                    if stored:
+                        self.assertEqual((resp.xml().findtext("name"), server.read_asset(stored)), (stored, value))
+            found = [os.path.relpath(os.path.join(d, n), server.data) for d, ds, fs in os.walk(server.data)
+                     for n in ds + fs]
+            self.assertEqual(sorted(found), ["demo"] + sorted("demo/" + s for _, s in DISPOSITIONS if s))
+            page = server.request("GET", "/").body.decode()  # names escaped, with their sizes
+            self.assertNotIn("<img", page)
+            for value, stored in filter(lambda row: row[1], DISPOSITIONS):
+                self.assertIn(f'<td class="name">{html.escape(stored)}</td><td class="size">{len(value)} bytes'
+                              f'</td><td class="size bytes">{len(value)}</td>', page)
+
+    def test_bodies_are_stored_exactly_or_refused_leaving_nothing_in_bounded_memory(self):
+        with Server() as server:
+            stored = []
+            for i, (content_type, body, content) in enumerate(BODIES):
+                with self.subTest(i=i, content_type=content_type, body=body[:80]):
+                    before = server.peak_kib()
+                    resp = server.request("POST", "/api/assets", body, {"Content-Type": content_type})
+                    self.assertEqual(resp.status, 400 if content is None else 201, resp.body)
+                    if content is None:
+                        self.assertTrue(resp.xml().findtext("message"))
+                    else:
+                        stored.append(resp.xml().findtext("name"))
+                        self.assertEqual(server.read_asset(stored[-1]), content)
+                    self.assertEqual(server.files(), sorted(stored))
+                    self.assertLess(server.peak_kib() - before, 8 * 1024)
+            self.assertEqual(server.available(), 2 * 1024**3 - 10)
+            chunked = raw_request("POST", "/api/assets", b"%x\r\n%s\r\nzz\r\n" % (len(SHAPE), SHAPE), {
+                "Content-Type": MULTIPART, "Content-Length": None, "Transfer-Encoding": "chunked"})
+            self.assertEqual(server.exchange(chunked).status, 400)  # broken framing after a whole body
+            self.assertEqual(server.files(), sorted(stored))
+
+    def test_client_gone_mid_body_leaves_no_partial_file(self):
+        with Server() as server:
+            request = raw_request("POST", "/api/assets", hoplift_body(b"gone", os.urandom(8 * MiB)),
+                                  {"Content-Type": MULTIPART})
+            for how in ("reset", "end of stream"):
+                with self.subTest(how):
+                    with server.connect() as sock:
+                        sock.sendall(request[:4 * MiB])
+                        wait_for(lambda: any(n.startswith(".upload-") for n in server.files()), "the upload to start")
+                        if how == "reset":
+                            sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                        else:
+                            sock.shutdown(socket.SHUT_WR)
+                    wait_for(lambda: server.files() == [], "the partial upload to be removed")
+                    self.assertEqual(server.available(), 2 * 1024**3)
+
+    def test_large_curl_upload_is_byte_identical_and_memory_stays_flat(self):
+        with Server() as server:
+            content = os.urandom(64 * MiB)
+            path = server.write("big.bin", content)
+            for i in range(3):  # the first requests allocate thread stacks and buffers
+                server.upload(b"warm%d" % i, os.urandom(MiB))
+            for name, framing in [("big.bin", []), ("chunked.bin", ["-H", "Transfer-Encoding: chunked"])]:
+                with self.subTest(name):
+                    before = server.peak_kib()
+                    out = server.curl(*framing, "-F", f"file=@{path};filename={name}", path="/api/assets")
+                    self.assertEqual(out.stdout, b'<?xml version="1.0" encoding="UTF-8"?>\n<asset><name>%s</name><size>'
+                                     b"%d</size></asset>\n" % (name.encode(), len(content)), out.stderr)
+                    self.assertTrue(server.read_asset(name) == content)
+                    # Thread stacks, the write buffer and allocator slack only: far less than the file.
+                    self.assertLess(server.peak_kib() - before, 12 * 1024)
+
+
+if __name__ == "__main__":
+    unittest.main()
