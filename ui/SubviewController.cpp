@@ -199,6 +199,9 @@ void SubviewController::disposeView()
     buttonOpen = nullptr;
     if (!gone)
         return;
+    // A view whose deletion waits for its click to end may still be in the table's list of
+    // placed views; it must not lead back to this row, which may be gone by then.
+    gone->setOwner(nullptr);
     if (dispatching) {
         // One of the view's buttons is still emitting its click.
         gone->hide();
