@@ -1,8 +1,6 @@
-// The main window: what a batch of paths adds to the upload list (hidden names, bundles, links,
-// the "Sanity check" question), drops, the delete keys and row buttons; each row's texts, views
-// and presses, and revealing its file; the header's gradient and clickable link field.
-// The tables are plain string literals.
-#undef QT_NO_CAST_FROM_ASCII
+// The main window: adding paths (hidden names, bundles, links, "Sanity check"), drops, deleting
+// rows; each row's texts, layout, buttons and reveal; the header's gradient and link field.
+#undef QT_NO_CAST_FROM_ASCII // the tables are plain string literals
 #include "app/MainController.h"
 #include "support/LoopbackHttpServer.h"
 #include "ui/QVDropView.h"
@@ -14,21 +12,9 @@
 #include "ui/ZRClickableURLTextField.h"
 #include "ui/iTableView.h"
 
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
-#include <QDesktopServices>
-#include <QDragEnterEvent>
-#include <QLabel>
-#include <QMainWindow>
-#include <QMessageBox>
-#include <QMimeData>
-#include <QProgressBar>
-#include <QRegularExpression>
-#include <QSettings>
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QTimer>
+#include <QtDBus>
+#include <QtTest>
+#include <QtWidgets>
 
 namespace {
 
@@ -63,28 +49,6 @@ const Batch batches[] = {
     {"restored queue never asks", "b/f#101:0", "b", true, "101 files with empty file", "",
      "b/f#101"}};
 
-QStringList expand(const QString &layout, const QString &prefix = {})
-{
-    QStringList items;
-    for (const QString &item : layout.split(';', Qt::SkipEmptyParts)) {
-        const int n = QRegularExpression("#(\\d+)").match(item).captured(1).toInt();
-        for (int i = 0; i < std::max(n, 1); ++i)
-            items << prefix +
-                         QString(item).replace(QRegularExpression("#\\d+"), QString::number(i));
-    }
-    return items;
-}
-
-QStringList queuedPaths(const MainController &controller)
-{
-    QStringList paths;
-    for (const auto &row : controller.queue())
-        paths << row->fileWithPath();
-    return paths;
-}
-
-SubviewController::Clock::time_point fakeNow;
-
 struct StateRow
 {
     const char *name, *path; // states entered, in order
@@ -104,6 +68,33 @@ const StateRow stateRows[] = {
     {"failed", "15", false, "Error during upload...", "status-error", "delete", "--rR", "32"},
     {"requeued", "150", false, "Queued (5.00 GB)", "", "delete", "-s--", "2"}};
 
+template <typename Row, size_t N> void addRows(const Row (&rows)[N])
+{
+    QTest::addColumn<const Row *>("row");
+    for (const Row &r : rows)
+        QTest::newRow(r.name) << &r;
+}
+
+// One row per "input=expected" of a table written as one string, ";" between rows.
+void addTextRows(const QString &table)
+{
+    QTest::addColumn<QString>("input");
+    QTest::addColumn<QString>("expected");
+    for (const QString &row : table.split(';'))
+        QTest::newRow(qPrintable(row)) << row.section('=', 0, 0) << row.section('=', 1);
+}
+
+QStringList expand(const QString &layout, const QString &prefix = {})
+{
+    QStringList items;
+    for (const QString &item : layout.split(';', Qt::SkipEmptyParts)) {
+        const QString n = item.section('#', 1).section(':', 0, 0);
+        for (int i = 0; i < std::max(n.toInt(), 1); ++i)
+            items << prefix + QString(item).replace('#' + n, QString::number(i));
+    }
+    return items;
+}
+
 } // namespace
 
 class TestWindow : public QObject, public SubviewActionObject
@@ -113,6 +104,7 @@ class TestWindow : public QObject, public SubviewActionObject
     QTemporaryDir config, files;
     QString rowFile, presses;
     QList<QUrl> opened;
+    static inline SubviewController::Clock::time_point fakeNow;
 
     std::unique_ptr<SubviewController> pressed;
     void buttonPressed(SubviewController *, int i) override
@@ -120,12 +112,11 @@ class TestWindow : public QObject, public SubviewActionObject
         presses += QChar('0' + i);
         pressed.reset();
     }
-    std::unique_ptr<SubviewController> row(const QString &path, bool bundle = false)
+    std::unique_ptr<SubviewController> rowOf(const QString &path, bool bundle = false)
     {
         auto controller = SubviewController::controller();
         controller->setFileWithPath(path);
         controller->setIsBundle(bundle);
-        controller->updateUI();
         return controller;
     }
     // Shows the window and launches against an account refusing the credentials: nothing is sent.
@@ -136,6 +127,15 @@ class TestWindow : public QObject, public SubviewActionObject
         controller.mainWindow()->show();
         QVERIFY(QTest::qWaitForWindowExposed(controller.mainWindow()));
         controller.applicationDidFinishLaunching();
+    }
+    // The queue's files relative to the test's folder, "+" before a bundle.
+    QStringList queued(const MainController &controller) const
+    {
+        QStringList paths;
+        for (const auto &row : controller.queue())
+            paths << (row->isBundle() ? "+" : "") +
+                         QDir(files.path()).relativeFilePath(row->fileWithPath());
+        return paths;
     }
 
 public Q_SLOTS:
@@ -162,52 +162,40 @@ private Q_SLOTS:
     {
         opened.clear();
         QSettings().clear();
-        QDir(files.path()).removeRecursively();
-        QDir().mkpath(files.path());
+        QVERIFY(QDir(files.path()).removeRecursively() && QDir().mkpath(files.path()));
     }
 
-    void batchMakesRowsAfterAnyQuestion_data()
-    {
-        QTest::addColumn<int>("index");
-        for (const Batch &b : batches)
-            QTest::newRow(b.name) << int(&b - batches);
-    }
+    void batchMakesRowsAfterAnyQuestion_data() { addRows(batches); }
     void batchMakesRowsAfterAnyQuestion()
     {
-        QFETCH(int, index);
-        const Batch &b = batches[index];
-        for (const QString &item : expand(b.tree)) {
-            const QStringList parts = item.split(item.contains('@') ? '@' : ':');
-            const QString path = files.filePath(QString(parts[0]).remove('*'));
-            QDir().mkpath(QFileInfo(path).path());
-            QFile f(path);
-            if (item.contains('@'))
-                QVERIFY(QFile::link(parts[1], path));
-            else
-                QVERIFY(f.open(QIODevice::WriteOnly) && f.resize(parts[1].toLongLong()));
-            if (item.contains('*'))
-                QVERIFY(f.setPermissions(f.permissions() | QFile::ExeOwner));
+        QFETCH(const Batch *, row);
+        for (const QString &item : expand(row->tree)) {
+            const QStringList parts = item.split(QRegularExpression("[:@]"));
+            QFile f(files.filePath(QString(parts[0]).remove('*')));
+            QVERIFY(QDir().mkpath(QFileInfo(f).path()));
+            QVERIFY(item.contains('@')
+                        ? QFile::link(parts[1], f.fileName())
+                        : f.open(QIODevice::WriteOnly) && f.resize(parts[1].toLongLong()));
+            QVERIFY(!item.contains('*') || f.setPermissions(f.permissions() | QFile::ExeOwner));
         }
-        const QStringList paths = expand(b.paths, files.path() + '/');
-        QStringList rows = expand(b.rows);
+        const QStringList paths = expand(row->paths, files.path() + '/');
         // The question is answered, so one asked by mistake fails the test instead of hanging it.
         QString asked;
         QTimer poll;
-        connect(&poll, &QTimer::timeout, this, [&asked, &rows] {
+        connect(&poll, &QTimer::timeout, this, [&asked, row] {
             if (auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())) {
                 asked = box->text() + '|' + box->informativeText();
-                for (QAbstractButton *button : box->buttons()) {
-                    if (button->text() == (rows.isEmpty() ? "Cancel" : "Yes, I want to"))
+                for (QAbstractButton *button : box->buttons())
+                    if (button->text() == (*row->rows ? "Yes, I want to" : "Cancel"))
                         button->click();
-                }
             }
         });
         poll.start(10);
         MainController controller;
-        if (b.restored)
+        if (row->restored)
             QSettings().setValue("UploadFiles", paths);
         launch(controller);
-        if (!b.restored) {
+        if (!row->restored) {
             controller.waitForSavedQueue();
             QSettings().setValue("UploadFiles", QStringList{"/earlier"});
             controller.addFiles(paths, true);
@@ -217,14 +205,11 @@ private Q_SLOTS:
         controller.checkFiles(paths, count, size);
         QCOMPARE(
             QString("%1 files with %2").arg(count).arg(SubviewController::initSizeString(size)),
-            b.weight);
-        QCOMPARE(asked, *b.question
-                            ? "Sanity check|Do you want to upload " + QString(b.question) + "?"
+            row->weight);
+        QCOMPARE(asked, *row->question
+                            ? "Sanity check|Do you want to upload " + QString(row->question) + "?"
                             : "");
-        QStringList made;
-        for (const auto &row : controller.queue())
-            made << (row->isBundle() ? "+" : "") +
-                        QDir(files.path()).relativeFilePath(row->fileWithPath());
+        QStringList made = queued(controller), rows = expand(row->rows);
         made.sort();
         rows.sort();
         QCOMPARE(made, rows);
@@ -247,21 +232,17 @@ private Q_SLOTS:
     {
         MainController controller;
         launch(controller);
-        const QStringList paths = expand("#5", files.path() + '/');
         auto *list = controller.mainWindow()->findChild<iTableView *>();
+        SubviewTableViewController *table = controller.tableController();
         // Local files offered with copy land as a copy, on the drop area of the empty list and
         // on the list; a link to the web is no file, and a drag without a copy is refused.
-        const auto drop = [&](QWidget *target, Qt::DropActions actions,
-                              const QStringList &dropped) {
-            QList<QUrl> urls{QUrl("https://example.org/c")};
-            for (const QString &path : dropped)
-                urls << QUrl::fromLocalFile(path);
+        const auto drop = [&](QWidget *target, Qt::DropActions actions, const QString &names) {
+            const QString uris = expand(names, "file://" + files.path() + '/').join("\r\n");
             QMimeData data;
-            data.setUrls(urls);
+            data.setData("text/uri-list", ("https://example.org/c\r\n" + uris).toUtf8());
             const bool visible = target->isVisible();
-            const QPoint at = target->rect().center();
-            QDragEnterEvent enter(at, actions, &data, Qt::LeftButton, Qt::NoModifier);
-            QDropEvent drop(at, actions, &data, Qt::LeftButton, Qt::NoModifier);
+            QDragEnterEvent enter(target->rect().center(), actions, &data, Qt::LeftButton, {});
+            QDropEvent drop(target->rect().center(), actions, &data, Qt::LeftButton, {});
             QApplication::sendEvent(target, &enter);
             if (enter.isAccepted())
                 QApplication::sendEvent(target, &drop);
@@ -270,172 +251,138 @@ private Q_SLOTS:
         };
         const Qt::DropActions all = Qt::CopyAction | Qt::MoveAction | Qt::LinkAction;
         QWidget *dropArea = controller.mainWindow()->findChild<QVDropView *>();
-        QVERIFY(!drop(dropArea, Qt::MoveAction | Qt::LinkAction, paths));
-        QVERIFY(drop(dropArea, all, paths.mid(0, 3)));
-        QVERIFY(!drop(list->viewport(), Qt::MoveAction, paths));
-        QVERIFY(drop(list->viewport(), all, paths.mid(3)));
-        QCOMPARE(queuedPaths(controller), paths);
+        QVERIFY(!drop(dropArea, Qt::MoveAction | Qt::LinkAction, "#5"));
+        QVERIFY(drop(dropArea, all, "0;1;2"));
+        QVERIFY(!drop(list->viewport(), Qt::MoveAction, "#5"));
+        QVERIFY(drop(list->viewport(), all, "3;4"));
+        QCOMPARE(queued(controller), expand("#5"));
 
-        const auto select = [&](const QList<int> &rows) {
+        const auto select = [&](std::initializer_list<int> rows) {
             for (int r : rows)
-                list->selectionModel()->select(controller.tableController()->index(r, 0),
-                                               QItemSelectionModel::Select |
-                                                   QItemSelectionModel::Rows);
+                list->selectionModel()->select(table->index(r, 0), QItemSelectionModel::Select |
+                                                                       QItemSelectionModel::Rows);
         };
         // Rows fill the list's width, their buttons at its right edge, each row at its cell;
         // selected rows write in the theme's highlighted text colour.
         select({1, 3});
-        for (size_t row = 0; row < 5; ++row) {
+        for (int row = 0; row < 5; ++row) {
             QVSubView *view = controller.queue()[row]->view();
-            QCOMPARE(view->geometry(),
-                     list->visualRect(controller.tableController()->index(row, 0)));
+            QCOMPARE(view->geometry(), list->visualRect(table->index(row, 0)));
             QCOMPARE(view->buttonOpen()->geometry().right(), list->viewport()->width() - 7);
             QCOMPARE(view->fileName()->palette().color(QPalette::WindowText),
                      list->palette().color(row % 2 ? QPalette::HighlightedText : QPalette::Text));
         }
-        list->setFocus();
         QTest::keyClick(list, Qt::Key_Delete);
-        QCOMPARE(queuedPaths(controller), (QStringList{paths[0], paths[2], paths[4]}));
+        QCOMPARE(queued(controller), QStringList({"0", "2", "4"}));
         controller.waitForSavedQueue();
-        QCOMPARE(QSettings().value("UploadFiles").toStringList(), queuedPaths(controller));
+        QCOMPARE(QSettings().value("UploadFiles").toStringList(),
+                 expand("0;2;4", files.path() + '/'));
         QVERIFY(!list->selectionModel()->hasSelection());
 
         // A selected row deleted by a click on its own button (its view outlives the click,
         // the row does not): the other stays selected, moved up past it.
         select({0, 2});
         QTest::mouseClick(controller.queue()[0]->view()->buttonCancelDel(), Qt::LeftButton);
-        QCOMPARE(queuedPaths(controller), (QStringList{paths[2], paths[4]}));
-        QCOMPARE(list->selectionModel()->selectedRows().value(0).row(), 1);
-        QCOMPARE(list->selectionModel()->selectedRows().size(), 1);
+        QCOMPARE(queued(controller), QStringList({"2", "4"}));
+        QCOMPARE(list->selectionModel()->selectedRows(), QModelIndexList{table->index(1, 0)});
         // Backspace deletes too; an emptied list keeps no row views.
-        QTest::keyClick(list, Qt::Key_Backspace);
-        QCOMPARE(queuedPaths(controller), QStringList{paths[2]});
         list->selectAll();
         QTest::keyClick(list, Qt::Key_Backspace);
         QVERIFY(controller.queue().empty());
-        QVERIFY(controller.tableController()->placedViews().isEmpty());
+        QVERIFY(table->placedViews().isEmpty());
     }
 
+    // Each threshold from both sides; MB and GB count whole KiB and MiB; "TB" counts GiB.
     void sizeString_data()
     {
-        QTest::addColumn<quint64>("bytes");
-        QTest::addColumn<QString>("text");
-        const quint64 K = 1024, M = K * K, G = M * K, T = G * K;
-        // Each threshold from both sides; MB and GB count whole KiB and MiB; "TB" counts GiB.
-        const std::pair<quint64, const char *> sizes[] = {
-            {0, "empty file"}, {1, "1 Bytes"},        {K - 1, "1023 Bytes"},
-            {K, "1.0 KB"},     {K + 512, "1.5 KB"},   {M - 1, "1024.0 KB"},
-            {M, "1.00 MB"},    {M + 1023, "1.00 MB"}, {G - 1, "1024.00 MB"},
-            {G, "1.00 GB"},    {5 * G, "5.00 GB"},    {T - 1, "1024.00 GB"},
-            {T, "1024 TB"},    {2 * T, "2048 TB"},    {quint64(1) << 62, "0 TB"}};
-        for (const auto &[bytes, text] : sizes)
-            QTest::addRow("%llu", qulonglong(bytes)) << bytes << QString(text);
+        addTextRows("0=empty file;1=1 Bytes;1023=1023 Bytes;1024=1.0 KB;1536=1.5 KB;"
+                    "1048575=1024.0 KB;1048576=1.00 MB;1054719=1.00 MB;1073741823=1024.00 MB;"
+                    "1073741824=1.00 GB;1080033279=1.00 GB;1099511627775=1024.00 GB;"
+                    "1099511627776=1024 TB;2199023255552=2048 TB;4611686018427387904=0 TB");
     }
     void sizeString()
     {
-        QFETCH(quint64, bytes);
-        QFETCH(QString, text);
-        QCOMPARE(SubviewController::initSizeString(bytes), text);
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
+        QCOMPARE(SubviewController::initSizeString(input.toULongLong()), expected);
     }
 
+    // "percent elapsed=time left": at 50 % as long as elapsed, x.5 s cut to x; under 3 %, none
+    // in the first ten seconds; clamped to 32 bits.
     void timeLeft_data()
     {
-        QTest::addColumn<double>("percent");
-        QTest::addColumn<double>("elapsed");
-        QTest::addColumn<QString>("left");
-        // "percent elapsed=time left": at 50 % as long as elapsed, x.5 s cut to x; under 3 %,
-        // none in the first ten seconds; clamped to 32 bits.
-        const QStringList cases =
-            QString("50 0.5=;50 5.5=less than 5 seconds;50 6.5=less than 10 seconds;"
+        addTextRows("50 0.5=;50 5.5=less than 5 seconds;50 6.5=less than 10 seconds;"
                     "50 10.5=less than 10 seconds;50 11.5=less than 20 seconds;"
                     "50 20.5=less than 20 seconds;50 21.5=half a minute;50 40.5=half a minute;"
                     "50 41.5=1 minute;50 119.5=1 minute;50 120.5=2 minutes;50 3599.5=59 minutes;"
                     "50 3600.5=1 hour;50 7199.5=1 hour;50 7200.5=2 hours;50 86399.5=23 hours;"
                     "50 86400.5=1 day(s);50 190800.5=2 day(s);0 100=;100 100=;2 5=;"
-                    "3 4=2 minutes;2 10=8 minutes;1e-9 100=49710 day(s)")
-                .split(';');
-        for (const QString &c : cases) {
-            const auto p = QRegularExpression("(\\S+) (\\S+)=(.*)").match(c);
-            QTest::newRow(qPrintable(c))
-                << p.captured(1).toDouble() << p.captured(2).toDouble() << p.captured(3);
-        }
+                    "3 4=2 minutes;2 10=8 minutes;1e-9 100=49710 day(s)");
     }
     void timeLeft()
     {
-        QFETCH(double, percent);
-        QFETCH(double, elapsed);
-        QFETCH(QString, left);
-        auto controller = row(rowFile);
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
+        auto controller = rowOf(rowFile);
         controller->startUpload();
         QCOMPARE(controller->statusLine(), "Uploading (5.00 GB)");
-        fakeNow += std::chrono::microseconds(qint64(elapsed * 1e6));
-        controller->doProgress(percent);
+        fakeNow += std::chrono::microseconds(qint64(input.section(' ', 1).toDouble() * 1e6));
+        controller->doProgress(input.section(' ', 0, 0).toDouble());
         QCOMPARE(controller->statusLine(),
-                 "uploading (5.00 GB)" + (left.isEmpty() ? left : " - " + left + " remaining"));
+                 "uploading (5.00 GB)" +
+                     (expected.isEmpty() ? expected : " - " + expected + " remaining"));
     }
 
-    void eachStateShowsItsRowAndSendsItsPresses_data()
-    {
-        QTest::addColumn<int>("index");
-        for (const StateRow &r : stateRows)
-            QTest::newRow(r.name) << int(&r - stateRows);
-    }
+    void eachStateShowsItsRowAndSendsItsPresses_data() { addRows(stateRows); }
     void eachStateShowsItsRowAndSendsItsPresses()
     {
-        QFETCH(int, index);
-        const StateRow &r = stateRows[index];
-        const std::function<void(SubviewController *)> enter[] = {
-            &SubviewController::requeue,
-            &SubviewController::startUpload,
-            &SubviewController::registering,
-            &SubviewController::completed,
-            &SubviewController::stopUpload,
-            [](SubviewController *c) { c->errorOccurred(-1, "Error during upload..."); }};
+        QFETCH(const StateRow *, row);
+        void (SubviewController::*const enter[])() = {
+            &SubviewController::requeue, &SubviewController::startUpload,
+            &SubviewController::registering, &SubviewController::completed,
+            &SubviewController::stopUpload};
         // One row shows its view all along, the other makes one only at the end.
-        auto shown = row(rowFile, r.bundle), lazy = row(rowFile, r.bundle);
+        auto shown = rowOf(rowFile, row->bundle), lazy = rowOf(rowFile, row->bundle);
         shown->view();
         for (SubviewController *c : {shown.get(), lazy.get()}) {
-            for (const char *s = r.path; *s; ++s)
-                enter[*s - '0'](c);
+            for (const char *s = row->path; *s; ++s)
+                *s == '5' ? c->errorOccurred(-1, "Error during upload...")
+                          : (c->*enter[*s - '0'])();
             c->doProgress(40); // rewrites the status line only while uploading
         }
         QVERIFY(!lazy->hasView());
         // The list's notifications never give a row button a hover area.
         postButtonTrackingNotification(ButtonTrackingEnable, this);
         postButtonTrackingNotification(ButtonTrackingReset, this);
-        const int last = r.path[strlen(r.path) - 1] - '0';
-        const bool uploading = r.flags[0] == 'u';
+        const bool uploading = row->flags[0] == 'u', processing = *row->status == 'P';
         for (SubviewController *c : {shown.get(), lazy.get()}) {
             QVSubView *view = c->view();
-            QCOMPARE(QString(c->isUploading() ? "u" : "-") + (c->canStop() ? "s" : "-") +
-                         (c->canReStart() ? "r" : "-") +
-                         (view->buttonRetry()->isVisibleTo(view) ? "R" : "-"),
-                     r.flags);
-            QCOMPARE(c->statusLine(), r.status);
-            QCOMPARE(c->rowHeight(), uploading ? 55.0f : 45.0f);
-            QCOMPARE(view->height(), uploading ? 55 : 45);
-            QCOMPARE(view->statusText()->text(), r.status);
-            QCOMPARE(view->fileName()->text() + '|' + view->fileName()->toolTip(),
-                     "five gib.bin|" + rowFile);
-            QCOMPARE(view->imageState()->isVisibleTo(view), *r.badge != 0);
-            if (*r.badge) {
-                QCOMPARE(
-                    view->imageState()->pixmap().cacheKey(),
-                    QVRolloverButton::namedImage(r.badge, view->devicePixelRatioF()).cacheKey());
-            }
-            QCOMPARE(view->buttonCancelDel()->trackingTag(), -1);
-            QCOMPARE(view->buttonCancelDel()->image(), r.button);
-            QCOMPARE(view->buttonCancelDel()->toolTip(),
-                     r.button == QLatin1String("cancel") ? "Cancel upload" : "Remove from list");
-            QCOMPARE(view->progressIndicator()->isVisibleTo(view), uploading);
-            QCOMPARE(view->progressIndicator()->maximum(), last == 2 ? 0 : 100);
-            if (last == 1)
-                QCOMPARE(view->progressIndicator()->value(), 40);
+            QVRolloverButton *button = view->buttonCancelDel();
+            const QProgressBar *progress = view->progressIndicator();
+            QCOMPARE(
+                (QStringList{QString(c->isUploading() ? "u" : "-") + (c->canStop() ? "s" : "-") +
+                                 (c->canReStart() ? "r" : "-") +
+                                 (view->buttonRetry()->isVisibleTo(view) ? "R" : "-"),
+                             c->statusLine(), view->statusText()->text(), view->fileName()->text(),
+                             view->fileName()->toolTip(), button->image(), button->toolTip()}),
+                (QStringList{row->flags, row->status, row->status, "five gib.bin", rowFile,
+                             row->button,
+                             *row->button == 'c' ? "Cancel upload" : "Remove from list"}));
+            const QLabel *badge = view->imageState();
+            const qreal ratio = badge->devicePixelRatioF();
+            QCOMPARE(badge->isVisibleTo(view) ? badge->pixmap().cacheKey() : 0,
+                     *row->badge ? QVRolloverButton::namedImage(row->badge, ratio).cacheKey() : 0);
             // Top-left geometry: the layout keeps distances from the bottom edge.
-            QCOMPARE((QList<int>{view->fileName()->y(), view->statusText()->y(),
-                                 view->buttonCancelDel()->y(), view->buttonOpen()->y()}),
-                     (uploading ? QList<int>{6, 36, 14, 14} : QList<int>{6, 26, 9, 9}));
+            QCOMPARE(
+                (QList<int>{progress->maximum(), button->trackingTag(), int(c->rowHeight()),
+                            view->height(), view->fileName()->y(), view->statusText()->y(),
+                            button->y(), view->buttonOpen()->y(), progress->isVisibleTo(view)}),
+                (QList<int>{processing ? 0 : 100, -1} +
+                 (uploading ? QList<int>{55, 55, 6, 36, 14, 14, 1}
+                            : QList<int>{45, 45, 6, 26, 9, 9, 0})));
             QCOMPARE(view->imageView()->geometry(), QRect(10, 2, 47, uploading ? 51 : 41));
+            if (row->path == QLatin1String("1"))
+                QCOMPARE(progress->value(), 40);
         }
         presses.clear();
         shown->setActionObject(this);
@@ -444,7 +391,7 @@ private Q_SLOTS:
             QTest::mouseClick(view->buttonRetry(), Qt::LeftButton);
         pressed = std::move(shown); // deleted by its own delete button, as the queue does
         QTest::mouseClick(view->buttonCancelDel(), Qt::LeftButton);
-        QCOMPARE(presses, r.presses);
+        QCOMPARE(presses, row->presses);
         // Gone rows leave no button behind for the next row's notifications to reach.
         pressed.reset();
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
@@ -456,79 +403,63 @@ private Q_SLOTS:
         const QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
         if (bus && bus->activatableServiceNames().value().contains("org.freedesktop.FileManager1"))
             QSKIP("a file manager on this bus would open a window");
-        auto controller = row(files.filePath("gone/x.txt"));
+        auto controller = rowOf(files.filePath("gone/x.txt"));
         controller->doRevealinFinder();
         QTRY_COMPARE(opened, QList<QUrl>{QUrl::fromLocalFile(files.filePath("gone"))});
     }
 
+    // "top bottom ratio=top pixel bottom pixel", each pixel the colour at the middle of its row.
+    // From a transparent top, alpha only grows from the bottom's while the hue reaches the top's.
     void gradientPaintsBottomToTopOpaque_data()
     {
-        QTest::addColumn<QColor>("top");
-        QTest::addColumn<QColor>("bottom");
-        QTest::addColumn<qreal>("ratio");
-        const QColor grey3(0x33, 0x33, 0x33), grey2(0x22, 0x22, 0x22), blue(Qt::blue);
-        for (qreal ratio : {1.0, 2.0}) {
-            QTest::addRow("greys @%g", ratio) << grey3 << grey2 << ratio;
-            // Alpha only grows from the bottom one, while the hue still reaches the top's.
-            QTest::addRow("transparent top @%g", ratio) << QColor(0xff, 0, 0, 0) << blue << ratio;
-        }
+        addTextRows("#333333 #222222 1=#333333 #222222;#333333 #222222 2=#333333 #222222;"
+                    "#00ff0000 #0000ff 1=#fe0001 #0100fe;#00ff0000 #0000ff 2=#fe0001 #0100fe");
     }
     void gradientPaintsBottomToTopOpaque()
     {
-        QFETCH(QColor, top);
-        QFETCH(QColor, bottom);
-        QFETCH(qreal, ratio);
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
+        const QStringList colours = input.split(' ');
+        const qreal ratio = colours[2].toDouble();
         QVGradient gradient;
         gradient.resize(20, 100);
-        gradient.setTopColor(top);
-        gradient.setBottomColor(bottom);
+        gradient.setTopColor(QColor::fromString(colours[0]));
+        gradient.setBottomColor(QColor::fromString(colours[1]));
         QImage image(QSize(20, 100) * ratio, QImage::Format_ARGB32);
         image.setDevicePixelRatio(ratio);
         image.fill(Qt::transparent);
-        gradient.render(&image, QPoint(), QRegion(), QWidget::RenderFlags());
-        const auto near = [](const QColor &a, const QColor &b) {
-            return qAbs(a.red() - b.red()) <= 1 && qAbs(a.green() - b.green()) <= 1 &&
-                   qAbs(a.blue() - b.blue()) <= 1;
-        };
-        QVERIFY(near(image.pixelColor(0, 0), top));
-        QVERIFY(near(image.pixelColor(0, image.height() - 1), bottom));
+        gradient.render(&image, {}, {}, {}); // without the window's background
+        QCOMPARE(image.pixelColor(0, 0).name() + ' ' +
+                     image.pixelColor(0, image.height() - 1).name(),
+                 expected);
         for (int y = 0; y < image.height(); ++y) { // every row, across the whole width
             QCOMPARE(image.pixelColor(0, y).alpha(), 255);
             QCOMPARE(image.pixelColor(image.width() - 1, y), image.pixelColor(0, y));
         }
     }
 
-    void clickOpensTheLinkOnlyOnItsRun_data()
-    {
-        QTest::addColumn<bool>("onLink");
-        QTest::addColumn<QUrl>("target");
-        QTest::addColumn<QList<QUrl>>("expected");
-        const QUrl link = QUrl::fromLocalFile("/run & <2>"), target = QUrl::fromLocalFile("/t");
-        QTest::newRow("link wins over target") << true << target << QList<QUrl>{link};
-        QTest::newRow("plain, with target") << false << target << QList<QUrl>{target};
-        QTest::newRow("plain, no target") << false << QUrl() << QList<QUrl>{};
-    }
     void clickOpensTheLinkOnlyOnItsRun()
     {
-        QFETCH(bool, onLink);
-        QFETCH(QUrl, target);
-        QFETCH(QList<QUrl>, expected);
         ZRClickableURLTextField field;
         field.resize(300, 30);
         // Markup in the text and in the address is escaped on the way.
         const QString plain = "Open <the> file & ", run = "open it";
-        field.setAttributedStringValue(ZRClickableURLTextField::hyperlinkFromString(
-            plain + run, run, QUrl::fromLocalFile("/run & <2>")));
-        field.setTargetURL(target);
+        const QUrl link = QUrl::fromLocalFile("/run & <2>"), target = QUrl::fromLocalFile("/t");
+        field.setAttributedStringValue(
+            ZRClickableURLTextField::hyperlinkFromString(plain + run, run, link));
         field.show();
         QVERIFY(QTest::qWaitForWindowExposed(&field));
         const QFontMetrics metrics(field.font());
-        const int x = onLink ? metrics.horizontalAdvance(plain) + metrics.horizontalAdvance(run) / 2
-                             : metrics.horizontalAdvance(plain) / 2;
+        const QPoint onPlain(metrics.horizontalAdvance(plain) / 2, field.height() / 2),
+            onLink(metrics.horizontalAdvance(plain) + metrics.horizontalAdvance(run) / 2,
+                   onPlain.y());
         QSignalSpy clicked(&field, &ZRClickableURLTextField::clicked);
-        QTest::mouseClick(&field, Qt::LeftButton, {}, QPoint(x, field.height() / 2));
-        QCOMPARE(opened, expected);
-        QCOMPARE(clicked.size(), 1);
+        QTest::mouseClick(&field, Qt::LeftButton, {}, onPlain); // no target yet: opens nothing
+        field.setTargetURL(target);
+        QTest::mouseClick(&field, Qt::LeftButton, {}, onLink);
+        QTest::mouseClick(&field, Qt::LeftButton, {}, onPlain);
+        QCOMPARE(opened, (QList<QUrl>{link, target}));
+        QCOMPARE(clicked.size(), 3);
     }
 };
 
