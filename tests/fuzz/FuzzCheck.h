@@ -2,6 +2,10 @@
 
 #include <sanitizer/common_interface_defs.h>
 
+#include <QByteArray>
+
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 
@@ -26,8 +30,7 @@ class FuzzSequence
 {
 public:
     explicit FuzzSequence(unsigned seed) : state(seed * 2654435761u + 1u) {}
-    /** @brief A number from 0 to bound - 1; bound must not be 0. */
-    unsigned next(unsigned bound)
+    unsigned next(unsigned bound) // 0 to bound - 1
     {
         state = state * 1103515245u + 12345u;
         return (state >> 16) % bound;
@@ -36,3 +39,22 @@ public:
 private:
     unsigned state;
 };
+
+/** @brief Hands text to take() in copies of 1 to longest bytes, as cuts says. */
+template <typename Take>
+void inPieces(const QByteArray &text, FuzzSequence &cuts, unsigned longest, Take take)
+{
+    for (qsizetype at = 0; at < text.size();) {
+        const qsizetype length = qMin<qsizetype>(1 + cuts.next(longest), text.size() - at);
+        take(text.mid(at, length));
+        at += length;
+    }
+}
+
+/** @brief The Qt application of a target: libFuzzer's arguments are none of Qt's business. */
+template <typename Application> void startQt(const char *name)
+{
+    static int argc = 1;
+    static char *argv[] = {const_cast<char *>(name), nullptr};
+    new Application(argc, argv);
+}

@@ -1,8 +1,7 @@
-// The account and user documents, as the service's answers reach Hoplift. Every input goes
-// through the XML parser the controller uses; a document it can read is then handed to a
-// launched controller, both as the account document and as the user document. (One it
-// cannot read would make the controller show an alert and wait for a click: that path is
-// the parser's message and nothing else, so it stops at the parser here.)
+// The account and user documents, as the service's answers reach Hoplift. A document the XML
+// parser can read goes to a launched controller as both documents. (One it cannot read would
+// make the controller show an alert and wait for a click, so that path stops at the parser.)
+#include "FuzzCheck.h"
 #include "app/MainController.h"
 #include "support/FakeStreamPair.h"
 
@@ -11,22 +10,9 @@
 #include <QSettings>
 #include <QTemporaryDir>
 
-#include <cstddef>
-#include <cstdint>
 #include <memory>
 
-namespace {
-
-MainController *controller = nullptr;
-
-/** @brief Settings, state and temporary files of this run, removed at its end. */
-QTemporaryDir &home()
-{
-    static QTemporaryDir dir;
-    return dir;
-}
-
-} // namespace
+static MainController *controller = nullptr;
 
 // fontconfig keeps what it allocates for the fonts it finds where the leak checker does not
 // look (its caches are mapped files): the first text laid out would count as a leak.
@@ -37,25 +23,20 @@ extern "C" const char *__lsan_default_suppressions()
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    // Qt gets arguments of its own: libFuzzer's are none of its business.
-    static int argc = 1;
-    static char name[] = "fuzz-account-documents";
-    static char *argv[] = {name, nullptr};
+    static QTemporaryDir home; // settings, state and temporary files of this run
     qputenv("QT_QPA_PLATFORM", "offscreen");
-    // The update check never leaves this machine.
-    qputenv("HOPLIFT_APPCAST_URL", "http://127.0.0.1:9/appcast.xml");
-    qputenv("XDG_STATE_HOME", home().filePath(QStringLiteral("state")).toUtf8());
-    new QApplication(argc, argv);
+    qputenv("HOPLIFT_APPCAST_URL", "http://127.0.0.1:9/appcast.xml"); // never leaves the machine
+    qputenv("XDG_STATE_HOME", home.filePath(QStringLiteral("state")).toUtf8());
+    startQt<QApplication>("fuzz-account-documents");
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope,
-                       home().filePath(QStringLiteral("config")));
+                       home.filePath(QStringLiteral("config")));
     QCoreApplication::setOrganizationName(QStringLiteral("kelvara"));
     QCoreApplication::setApplicationName(QStringLiteral("Hoplift"));
 
-    // No account is set: launching makes the streamers and opens the account sheet.
+    // With no account set, launching makes the streamers and opens the account sheet. Branding
+    // asks for artwork wherever a document says: those requests go to pairs that never connect.
     controller = new MainController;
     controller->applicationDidFinishLaunching();
-    // Branding asks for artwork at whatever place a document names: those requests go to
-    // pairs that never connect.
     auto wire = std::make_shared<FakeWire>();
     for (QVStreamer *streamer : controller->findChildren<QVStreamer *>())
         streamer->setStreamPairFactory([wire] { return new FakeStreamPair(wire); });
@@ -65,11 +46,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const QByteArray body(reinterpret_cast<const char *>(data), qsizetype(size));
-    QDomDocument document;
-    QString message;
-    int line = 0;
-    int column = 0;
-    if (!document.setContent(body, &message, &line, &column))
+    if (!QDomDocument().setContent(body))
         return 0;
     controller->processAccountInfo(body);
     controller->processUserInfo(body);
