@@ -327,6 +327,14 @@ int main(int argc, char **argv)
         sigwait(&stopSignals, &sig);
         signalled = true;
         service.beginShutdown();
+        // stop() does nothing until the listening loop runs, and "listening on" is printed
+        // just before it starts: a signal in that gap waits for the loop (or its failure).
+        while (!server->is_running()) {
+            std::unique_lock lock(shutdown.mutex);
+            if (shutdown.done.wait_for(lock, std::chrono::milliseconds(1),
+                                       [&] { return shutdown.finished; }))
+                break;
+        }
         server->stop();
         // Workers finish their current request; one stuck on a silent
         // client must not keep the process alive.

@@ -1,15 +1,8 @@
 """Helpers for the kelvara-local tests: a server on a free port with its own data folder. Standard library only."""
 
-import base64
-import os
-import re
-import shutil
-import signal
-import socket
-import subprocess
-import tempfile
-import time
+import base64, os, re, shutil, signal, socket, subprocess, tempfile, time
 import xml.etree.ElementTree as ET
+from pathlib import Path
 
 BINARY = os.environ.get("KELVARA_LOCAL", "kelvara-local")
 CURL = os.environ.get("KELVARA_CURL", "curl")
@@ -18,6 +11,7 @@ BOUNDARY = b"0xKhTmLbOuNdArY"
 MULTIPART = "multipart/form-data; boundary=" + BOUNDARY.decode()
 MiB = 1024 * 1024
 DEMO = ("demo", "demo")
+XML = '<?xml version="1.0" encoding="UTF-8"?>\n'
 
 
 def account_xml(space, user=None, title=None, colours=("#FFFFFF", "#3A6EA5", "#1F3F66")):
@@ -26,13 +20,11 @@ def account_xml(space, user=None, title=None, colours=("#FFFFFF", "#3A6EA5", "#1
         f"<branding/><branding_info><title>{title}</title><logo>/branding/{user}/logo.png</logo><background_image>"
         f"/branding/{user}/background.png</background_image><font_color>{colours[0]}</font_color><top_color>"
         f"{colours[1]}</top_color><bottom_color>{colours[2]}</bottom_color></branding_info>")
-    return f'<?xml version="1.0" encoding="UTF-8"?>\n<account><stats available_space="{space}"/>{branding}' \
-           f"</account>\n".encode()
+    return f'{XML}<account><stats available_space="{space}"/>{branding}</account>\n'.encode()
 
 
 def user_xml(first, last):
-    return f'<?xml version="1.0" encoding="UTF-8"?>\n<user><first-name>{first}</first-name><last-name>{last}' \
-           f"</last-name></user>\n".encode()
+    return f"{XML}<user><first-name>{first}</first-name><last-name>{last}</last-name></user>\n".encode()
 
 
 def basic(user, password):
@@ -70,6 +62,10 @@ def raw_request(method, path, body=b"", headers=None, auth=DEMO):
     return head.encode() + b"\r\n" + body
 
 
+def raw_upload(body, content_type=MULTIPART, auth=DEMO):
+    return raw_request("POST", "/api/assets", body, {"Content-Type": content_type}, auth)
+
+
 class Response:
     """One HTTP/1.1 answer, parsed strictly: its framing must match exactly."""
 
@@ -78,12 +74,11 @@ class Response:
         lines = head.decode("latin-1").split("\r\n")
         m = re.fullmatch(r"HTTP/1\.1 (\d{3}) .*", lines[0])
         ensure(sep and m, f"not an answer: {raw[:200]!r}")
-        self.status, self.chunks = int(m.group(1)), []
+        self.status, self.chunks, self.body = int(m.group(1)), [], rest
         self.headers = {k.strip().lower(): v.strip() for k, v in (line.split(":", 1) for line in lines[1:])}
         length, encoding = self.headers.get("content-length"), self.headers.get("transfer-encoding")
         if encoding is None:
             ensure(length is not None and int(length) == len(rest), f"Content-Length {length}, {len(rest)} bytes")
-            self.body = rest
             return
         ensure(encoding == "chunked" and length is None, f"bad framing {self.headers}")
         self.body = b""
@@ -111,59 +106,51 @@ class Server:
         if self.prepare:
             self.prepare(self)
         accounts = ["--accounts", self.write("accounts.ini", self.accounts.encode())] if self.accounts else []
-        self.stderr_file = open(os.path.join(self.tmp, "stderr.log"), "w+b")
-        self.proc = subprocess.Popen([BINARY, "--port", "0", "--data", self.data, *accounts] +
-                                     [a(self) if callable(a) else a for a in self.args],
-                                     stdout=subprocess.PIPE, stderr=self.stderr_file)
+        with open(os.path.join(self.tmp, "stderr.log"), "wb") as stderr:
+            self.proc = subprocess.Popen([BINARY, "--port", "0", "--data", self.data, *accounts] +
+                                         [a(self) if callable(a) else a for a in self.args],
+                                         stdout=subprocess.PIPE, stderr=stderr)
         line = self.proc.stdout.readline()
         if not re.fullmatch(rb"listening on https?://127\.0\.0\.1:\d+\n", line):
-            self.__exit__(AssertionError)
-            raise AssertionError(f"first line {line!r}, stderr: {self.stderr()}")
+            error = AssertionError(f"first line {line!r}, stderr: {self.stderr()}")
+            self.__exit__(error)
+            raise error
         self.base = line[len("listening on "):].strip().decode()
         self.port = int(self.base.rsplit(":", 1)[1])
         return self
 
     def __exit__(self, failing=None, *rest):
         try:
-            if self.proc.poll() is None:
+            if not failing and self.proc.poll() is None:
                 code = self.stop()[0]
-                ensure(failing or code == 0, f"exit code {code} on SIGTERM: {self.stderr()[-2000:]}")
+                ensure(code == 0, f"exit code {code} on SIGTERM: {self.stderr()[-2000:]}")
         finally:
+            self.proc.kill()  # only if it still runs
+            self.proc.wait()
             self.proc.stdout.close()
-            self.stderr_file.close()
             shutil.rmtree(self.tmp, ignore_errors=True)
 
     def stop(self, sig=signal.SIGTERM):
         """Sends sig; returns (exit code, seconds until the process ended)."""
         start = time.monotonic()
         self.proc.send_signal(sig)
-        try:
-            return self.proc.wait(10), time.monotonic() - start
-        finally:
-            if self.proc.poll() is None:
-                self.proc.kill()
-                self.proc.wait()
+        return self.proc.wait(10), time.monotonic() - start
 
     def stderr(self):
-        with open(self.stderr_file.name, "rb") as f:
-            return f.read().decode(errors="replace")
+        return Path(self.tmp, "stderr.log").read_bytes().decode(errors="replace")
 
     def peak_kib(self):  # peak resident memory (VmHWM)
-        with open(f"/proc/{self.proc.pid}/status") as f:
-            return int(re.search(r"^VmHWM:\s*(\d+)", f.read(), re.M).group(1))
+        return int(re.search(r"^VmHWM:\s*(\d+)", Path(f"/proc/{self.proc.pid}/status").read_text(), re.M)[1])
 
     def write(self, name, content):
-        path = os.path.join(self.tmp, name)
-        with open(path, "wb") as f:
-            f.write(content)
-        return path
+        Path(self.tmp, name).write_bytes(content)
+        return os.path.join(self.tmp, name)
 
     def files(self, user="demo"):  # hidden ones included
         return sorted(os.listdir(os.path.join(self.data, user)))
 
     def read_asset(self, name, user="demo"):
-        with open(os.path.join(self.data, user, name), "rb") as f:
-            return f.read()
+        return Path(self.data, user, name).read_bytes()
 
     def curl(self, *args, path="/"):
         return subprocess.run([CURL, "-sS", "--max-time", "60", "-u", "demo:demo", *args, self.base + path],
@@ -182,7 +169,14 @@ class Server:
         return self.exchange(raw_request(method, path, body, headers, auth))
 
     def upload(self, name, content, auth=DEMO):
-        return self.request("POST", "/api/assets", hoplift_body(name, content), {"Content-Type": MULTIPART}, auth)
+        return self.exchange(raw_upload(hoplift_body(name, content), auth=auth))
+
+    def start_upload(self):
+        """Sends half of an 8 MiB upload; returns the connection once the server is storing it."""
+        sock = self.connect()
+        sock.sendall(raw_upload(hoplift_body(b"half", os.urandom(8 * MiB)))[:4 * MiB])
+        wait_for(lambda: any(n.startswith(".upload-") for n in self.files()), "the upload to start")
+        return sock
 
     def available(self, auth=DEMO):
         resp = self.request("GET", "/api/account.xml", auth=auth)

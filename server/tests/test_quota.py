@@ -1,7 +1,6 @@
 """Free space in the account document, uploads past the quota, and uploads sharing an account at the same time."""
 
-import os
-import unittest
+import os, unittest
 from concurrent.futures import ThreadPoolExecutor
 
 from kltest import DEMO, MULTIPART, MiB, Server, raw_request
@@ -14,23 +13,18 @@ SMALL, TINY, SHARED = ("small", "s"), ("tiny", "t"), ("shared", "h")
 class QuotaTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.server = Server(accounts=ACCOUNTS).__enter__()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.server.__exit__(None, None, None)
+        cls.server = cls.enterClassContext(Server(accounts=ACCOUNTS))
 
     def test_free_space_falls_by_the_stored_size_and_a_refusal_leaves_nothing(self):
-        server = self.server
+        server, left = self.server, MiB - 300000
         self.assertEqual(server.available(SMALL), MiB)
         resp = server.upload(b"a.bin", os.urandom(300000), auth=SMALL)
-        self.assertEqual((resp.status, resp.xml().findtext("size")), (201, "300000"))
-        self.assertEqual(server.available(SMALL), MiB - 300000)
+        self.assertEqual((resp.status, resp.xml().findtext("size"), server.available(SMALL)), (201, "300000", left))
         # One byte too many: it arrives in pieces and is refused after some of it was claimed.
-        resp = server.upload(b"over.bin", b"o" * (MiB - 300000 + 1), auth=SMALL)
-        self.assertEqual((resp.status, server.files("small"), server.available(SMALL)), (413, ["a.bin"], MiB - 300000))
-        self.assertIn(b"%d bytes free" % (MiB - 300000), resp.body)
-        self.assertEqual(server.upload(b"c.bin", b"c" * (MiB - 300000), auth=SMALL).status, 201)  # an exact fit
+        resp = server.upload(b"over.bin", b"o" * (left + 1), auth=SMALL)
+        self.assertEqual((resp.status, server.files("small"), server.available(SMALL)), (413, ["a.bin"], left))
+        self.assertIn(b"%d bytes free" % left, resp.body)
+        self.assertEqual(server.upload(b"c.bin", b"c" * left, auth=SMALL).status, 201)  # an exact fit
         self.assertEqual(server.available(SMALL), 0)
         os.remove(os.path.join(server.data, "small", "a.bin"))  # by hand
         self.assertEqual(server.available(SMALL), 300000)
@@ -45,24 +39,23 @@ class QuotaTest(unittest.TestCase):
         self.assertEqual(self.server.files("tiny"), [])
 
     def test_parallel_uploads_lose_nothing_overwrite_nothing_and_share_the_quota(self):
-        server = self.server
         same = [os.urandom(MiB + i) for i in range(12)]
         shared = [os.urandom(300 * 1024) for _ in range(5)]  # into 1 MiB: at most three fit
         jobs = [("same.bin", c, DEMO) for c in same] + [(f"p{i}.bin", c, SHARED) for i, c in enumerate(shared)]
-        before = server.available()
+        before = self.server.available()
         with ThreadPoolExecutor(len(jobs)) as pool:
-            answers = list(pool.map(lambda job: server.upload(job[0].encode(), job[1], job[2]), jobs, timeout=90))
+            answers = list(pool.map(lambda job: self.server.upload(job[0].encode(), job[1], job[2]), jobs, timeout=90))
         series = sorted(["same.bin"] + [f"same ({n}).bin" for n in range(2, 13)])
         self.assertEqual(sorted(a.xml().findtext("name") for a in answers[:12]), series)
-        self.assertEqual(server.files(), series)
-        self.assertEqual(sorted(server.read_asset(n) for n in series), sorted(same))
-        self.assertEqual(server.available(), before - sum(map(len, same)))
-        stored = server.files("shared")
+        self.assertEqual(self.server.files(), series)
+        self.assertEqual(sorted(self.server.read_asset(n) for n in series), sorted(same))
+        self.assertEqual(self.server.available(), before - sum(map(len, same)))
+        stored = self.server.files("shared")
         self.assertEqual(sorted(a.status for a in answers[12:]), [201] * len(stored) + [413] * (5 - len(stored)))
         self.assertLessEqual(len(stored), 3)
-        for name in stored:
-            self.assertEqual(server.read_asset(name, "shared"), shared[int(name[1])])
-        self.assertEqual(server.available(SHARED), MiB - 300 * 1024 * len(stored))
+        self.assertEqual([self.server.read_asset(n, "shared") for n in stored], [shared[int(n[1])] for n in stored])
+        self.assertEqual(self.server.available(SHARED), MiB - 300 * 1024 * len(stored))
+
 
 if __name__ == "__main__":
     unittest.main()

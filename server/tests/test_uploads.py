@@ -1,13 +1,10 @@
 """What becomes of an upload body: the asset lands inside the account folder under a safe name with its exact
 bytes, never replacing another; a body not understood gets a 400, leaves nothing and is not held in memory."""
 
-import html
-import os
-import socket
-import struct
-import unittest
+import html, os, socket, struct, unittest
+from pathlib import Path
 
-from kltest import BOUNDARY as B, MULTIPART, MiB, Server, hoplift_body, part, raw_request, wait_for
+from kltest import BOUNDARY as B, MULTIPART, XML, MiB, Server, hoplift_body, part, raw_request, raw_upload, wait_for
 
 END, F = b"--" + B + b"--\r\n", b'form-data; name="file"; filename="%s"'
 # Content-Disposition of the one part -> the stored name, or None for a 400.
@@ -26,14 +23,16 @@ DISPOSITIONS = [
 TAIL = b"j" * (32 * MiB)
 SHAPE = (b"preamble\r\n" + part(b'Content-Disposition: form-data; name="comment"', b"hello") + b"--" + B +
          b' \t\r\ncontent-disposition: form-data; filename="shape.bin"; name=file\r\n\r\nDATA\r\n--' + B + b"--")
-# Content-Type, body -> the stored content, or None for a 400.
-BODIES = [
-    ('Multipart/Form-Data;boundary="a b:c"', hoplift_body(b"q", b"1", b"a b:c"), b"1"),
-    ("multipart/form-data; charset=utf-8; BOUNDARY=xyz", hoplift_body(b"p", b"2", b"xyz"), b"2"),
-    (MULTIPART, SHAPE, b"DATA"), (MULTIPART, SHAPE + b"\r\nepilogue --" + B + b" junk", b"DATA"),
-    (MULTIPART, hoplift_body(b"empty", b""), b""), ("multipart/form-data", hoplift_body(b"x", b"x"), None),
-    ('multipart/form-data; boundary=""', hoplift_body(b"x", b"x"), None), ("application/octet-stream", b"raw", None),
-    ("multipart/mixed; boundary=abc", hoplift_body(b"x", b"x", b"abc"), None), (None, hoplift_body(b"x", b"x"), None),
+# Content-Type, body -> the stored name and content, or None for a 400.
+BODIES = [(MULTIPART, part(b"Content-Disposition: " + value, value) + END, name and (name, value))
+          for value, name in DISPOSITIONS] + [
+    ('Multipart/Form-Data;boundary="a b:c"', hoplift_body(b"q", b"1", b"a b:c"), ("q", b"1")),
+    ("multipart/form-data; charset=utf-8; BOUNDARY=xyz", hoplift_body(b"p", b"2", b"xyz"), ("p", b"2")),
+    (MULTIPART, SHAPE, ("shape.bin", b"DATA")),
+    (MULTIPART, SHAPE + b"\r\nepilogue --" + B + b" junk", ("shape (2).bin", b"DATA")),
+    (MULTIPART, hoplift_body(b"empty", b""), ("empty", b"")), ("multipart/form-data", hoplift_body(b"x", b"x"), None),
+    ('multipart/form-data; boundary=""', hoplift_body(b"x", b"x"), None), (None, hoplift_body(b"x", b"x"), None),
+    ("multipart/mixed; boundary=abc", hoplift_body(b"x", b"x", b"abc"), None),
     ("multipart/form-data; boundary=" + "b" * 201, hoplift_body(b"x", b"x", b"b" * 201), None),
     (MULTIPART, part(b"Content-Type: text/plain") + END, None), (MULTIPART, part(b"Content-Disposition f") + END, None),
     (MULTIPART, part(F % b"x", b"data" * 1000)[:-10], None),  # cut inside the data
@@ -43,60 +42,40 @@ BODIES = [
 
 
 class UploadsTest(unittest.TestCase):
-    def test_names_are_made_safe_and_never_replace_an_asset(self):
-        with Server() as server:
-            for value, stored in DISPOSITIONS:
-                with self.subTest(value=value):
-                    resp = server.request("POST", "/api/assets", part(b"Content-Disposition: " + value, value) + END,
-                                          {"Content-Type": MULTIPART})
-                    self.assertEqual(resp.status, 201 if stored else 400, resp.body)
-                    if stored:
-                        self.assertEqual((resp.xml().findtext("name"), server.read_asset(stored)), (stored, value))
-            found = [os.path.relpath(os.path.join(d, n), server.data) for d, ds, fs in os.walk(server.data)
-                     for n in ds + fs]
-            self.assertEqual(sorted(found), ["demo"] + sorted("demo/" + s for _, s in DISPOSITIONS if s))
-            page = server.request("GET", "/").body.decode()  # names escaped, with their sizes
-            self.assertNotIn("<img", page)
-            for value, stored in filter(lambda row: row[1], DISPOSITIONS):
-                self.assertIn(f'<td class="name">{html.escape(stored)}</td><td class="size">{len(value)} bytes'
-                              f'</td><td class="size bytes">{len(value)}</td>', page)
-
-    def test_bodies_are_stored_exactly_or_refused_leaving_nothing_in_bounded_memory(self):
+    def test_bodies_are_stored_exactly_under_a_safe_name_or_refused_leaving_nothing_in_bounded_memory(self):
         with Server() as server:
             stored = []
-            for i, (content_type, body, content) in enumerate(BODIES):
+            for i, (content_type, body, expected) in enumerate(BODIES):
                 with self.subTest(i=i, content_type=content_type, body=body[:80]):
                     before = server.peak_kib()
-                    resp = server.request("POST", "/api/assets", body, {"Content-Type": content_type})
-                    self.assertEqual(resp.status, 400 if content is None else 201, resp.body)
-                    if content is None:
-                        self.assertTrue(resp.xml().findtext("message"))
+                    resp = server.exchange(raw_upload(body, content_type))
+                    self.assertEqual(resp.status, 201 if expected else 400, resp.body)
+                    if expected:
+                        stored.append(expected)
+                        self.assertEqual((resp.xml().findtext("name"), server.read_asset(expected[0])), expected)
                     else:
-                        stored.append(resp.xml().findtext("name"))
-                        self.assertEqual(server.read_asset(stored[-1]), content)
-                    self.assertEqual(server.files(), sorted(stored))
+                        self.assertTrue(resp.xml().findtext("message"))
+                    self.assertEqual(server.files(), sorted(name for name, _ in stored))
                     self.assertLess(server.peak_kib() - before, 8 * 1024)
-            self.assertEqual(server.available(), 2 * 1024**3 - 10)
+            found = sorted(str(path.relative_to(server.data)) for path in Path(server.data).rglob("*"))
+            self.assertEqual(found, ["demo"] + sorted("demo/" + name for name, _ in stored))  # nothing outside
+            self.assertEqual(server.available(), 2 * 1024**3 - sum(len(content) for _, content in stored))
+            page = server.request("GET", "/").body.decode()  # names escaped, with their sizes
+            self.assertNotIn("<img", page)
+            for name, n in ((name, len(content)) for name, content in stored):
+                self.assertIn(f'<td class="name">{html.escape(name)}</td><td class="size">{n} byte{"s" * (n != 1)}'
+                              f'</td><td class="size bytes">{n}</td>', page)
             chunked = raw_request("POST", "/api/assets", b"%x\r\n%s\r\nzz\r\n" % (len(SHAPE), SHAPE), {
                 "Content-Type": MULTIPART, "Content-Length": None, "Transfer-Encoding": "chunked"})
             self.assertEqual(server.exchange(chunked).status, 400)  # broken framing after a whole body
-            self.assertEqual(server.files(), sorted(stored))
+            self.assertEqual(server.files(), sorted(name for name, _ in stored))
 
     def test_client_gone_mid_body_leaves_no_partial_file(self):
         with Server() as server:
-            request = raw_request("POST", "/api/assets", hoplift_body(b"gone", os.urandom(8 * MiB)),
-                                  {"Content-Type": MULTIPART})
-            for how in ("reset", "end of stream"):
-                with self.subTest(how):
-                    with server.connect() as sock:
-                        sock.sendall(request[:4 * MiB])
-                        wait_for(lambda: any(n.startswith(".upload-") for n in server.files()), "the upload to start")
-                        if how == "reset":
-                            sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-                        else:
-                            sock.shutdown(socket.SHUT_WR)
-                    wait_for(lambda: server.files() == [], "the partial upload to be removed")
-                    self.assertEqual(server.available(), 2 * 1024**3)
+            with server.start_upload() as sock:  # and then a reset
+                sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            wait_for(lambda: server.files() == [], "the partial upload to be removed")
+            self.assertEqual(server.available(), 2 * 1024**3)
 
     def test_large_curl_upload_is_byte_identical_and_memory_stays_flat(self):
         with Server() as server:
@@ -108,11 +87,10 @@ class UploadsTest(unittest.TestCase):
                 with self.subTest(name):
                     before = server.peak_kib()
                     out = server.curl(*framing, "-F", f"file=@{path};filename={name}", path="/api/assets")
-                    self.assertEqual(out.stdout, b'<?xml version="1.0" encoding="UTF-8"?>\n<asset><name>%s</name><size>'
-                                     b"%d</size></asset>\n" % (name.encode(), len(content)), out.stderr)
+                    asset = f"{XML}<asset><name>{name}</name><size>{len(content)}</size></asset>\n"
+                    self.assertEqual(out.stdout, asset.encode(), out.stderr)
                     self.assertTrue(server.read_asset(name) == content)
-                    # Thread stacks, the write buffer and allocator slack only: far less than the file.
-                    self.assertLess(server.peak_kib() - before, 12 * 1024)
+                    self.assertLess(server.peak_kib() - before, 12 * 1024)  # stacks, buffers, slack: not the file
 
 
 if __name__ == "__main__":
