@@ -4,37 +4,24 @@
 #include "support/LogCapture.h"
 #include "support/LoopbackHttpServer.h"
 
-#include <QApplication>
-#include <QDialog>
-#include <QLabel>
-#include <QPushButton>
-#include <QSignalSpy>
-#include <QTest>
+#include <QtTest>
+#include <QtWidgets>
+
+using namespace Qt::StringLiterals;
 
 namespace {
 
-QByteArray http(const QByteArray &body, const QByteArray &status = "200 OK")
+/** @brief An answer carrying an RSS feed of these items, ended by closing the connection. */
+QByteArray feed(const QByteArray &items, const QByteArray &status = "200 OK")
 {
-    return "HTTP/1.1 " + status + "\r\nContent-Type: application/rss+xml\r\nContent-Length: " +
-           QByteArray::number(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
-}
-
-QByteArray rss(const QByteArray &items)
-{
-    return "<?xml version=\"1.0\"?>\n<rss version=\"2.0\"><channel><title>Hoplift</title>" + items +
+    return "HTTP/1.1 " + status + "\r\n\r\n<rss version=\"2.0\"><channel>" + items +
            "</channel></rss>";
-}
-
-QByteArray feed(const QByteArray &items)
-{
-    return http(rss(items));
 }
 
 QByteArray item(const QByteArray &version, const QByteArray &link = "https://k.test/a")
 {
-    return "<item><title>Hoplift " + version + "</title><link>" + link +
-           "</link><enclosure url=\"https://k.test/hoplift.tar.xz\" version=\"" + version +
-           "\" length=\"1\" type=\"application/x-xz\"/></item>";
+    return "<item><link>" + link + "</link><enclosure url=\"https://k.test/e\" version=\"" +
+           version + "\"/></item>";
 }
 
 } // namespace
@@ -43,87 +30,80 @@ class TestUpdateChecker : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void initTestCase() { QCoreApplication::setApplicationVersion(QStringLiteral("0.2.1")); }
-    void check_data();
-    void check();
+    void initTestCase() { QCoreApplication::setApplicationVersion(u"0.2.1"_s); }
+
+    void noticeOnlyForANewerVersionFailuresOnlyLogged_data()
+    {
+        QTest::addColumn<QByteArray>("response"); // empty: nobody listens
+        QTest::addColumn<QByteArray>("logged");   // what the one log line tells; empty: no line
+        QTest::addColumn<QString>("version");     // of the notice; empty: none
+        QTest::addColumn<QUrl>("link");
+        const auto row = [](const char *name, const QByteArray &logged, const QByteArray &response,
+                            const char *version = "", const char *link = "https://k.test/a") {
+            QTest::newRow(name) << response << logged << QString::fromLatin1(version)
+                                << QUrl(QString::fromLatin1(link));
+        };
+        row("newer", {}, feed(item("0.3.0")), "0.3.0");
+        row("numeric", {}, feed(item("0.2.10")), "0.2.10");
+        row("same", {}, feed(item("0.2.1")));
+        row("same, longer", {}, feed(item("0.2.1.0")));
+        row("older", {}, feed(item("0.1.9")));
+        row("highest wins", {},
+            feed(item("0.3.0") + item("0.10.0", "http://k.test/b") + item("0.9") +
+                 item("9.0-beta")),
+            "0.10.0", "http://k.test/b");
+        row("version element", {},
+            feed("<item><version>0.4</version><link>https://k.test/a</link></item>"), "0.4");
+        row("no web link", {}, feed(item("0.3.0", "file:///etc/passwd")), "0.3.0",
+            "https://k.test/e");
+        row("malformed", "tag mismatch", feed(item("0.3.0") + "<item>"));
+        row("not rss", "not an RSS feed", feed(item("1.0")).replace("<rss", "<html"));
+        row("no version", "names no version", feed(item("")));
+        row("not found", "Not Found", feed(item("0.3.0"), "404 Not Found"));
+        row("refused", "Connection refused", {});
+        row("huge", "larger than 1048576 bytes", feed(item("0.3.0") + QByteArray(2 << 20, ' ')));
+    }
+
+    void noticeOnlyForANewerVersionFailuresOnlyLogged()
+    {
+        QFETCH(QByteArray, response);
+        QFETCH(QByteArray, logged);
+        QFETCH(QString, version);
+        QFETCH(QUrl, link);
+        LoopbackHttpServer server;
+        QVERIFY(server.listenOnLoopback());
+        server.setResponse(response);
+        qputenv("HOPLIFT_APPCAST_URL", (server.baseUrl() + u"/appcast.xml"_s).toUtf8());
+        if (response.isEmpty())
+            server.close();
+        LogCapture log;
+        QWidget window;
+        UpdateChecker checker(&window);
+        QSignalSpy finished(&checker, &UpdateChecker::finished);
+        QSignalSpy available(&checker, &UpdateChecker::updateAvailable);
+        checker.checkForUpdatesInBackground();
+        QTRY_COMPARE(finished.size(), 1);
+        QCOMPARE(log.lines().size(), logged.isEmpty() ? 0 : 1);
+        QVERIFY2(log.lines().value(0).contains(logged), log.lines().value(0).constData());
+        auto *notice = window.findChild<QDialog *>();
+        QCOMPARE(QList<QVariantList>(available),
+                 QList<QVariantList>(version.isEmpty() ? 0 : 1, {version, link}));
+        QCOMPARE(notice != nullptr, !version.isEmpty());
+        if (!notice)
+            return;
+        // A notice beside the window, not in its way, that the user can put off.
+        QVERIFY(notice->isVisible() && notice->windowModality() == Qt::NonModal);
+        QStringList texts{notice->windowTitle()};
+        for (QLabel *label : notice->findChildren<QLabel *>())
+            texts << label->text();
+        auto *later = notice->findChild<QPushButton *>();
+        QCOMPARE((texts << later->text()).join(u'|'),
+                 u"Software Update|Hoplift %1 is available — you have 0.2.1.|"
+                 "<a href=\"%2\">%2</a>|Later"_s.arg(version, link.toString()));
+        later->click();
+        QVERIFY(!notice->isVisible());
+    }
 };
-
-void TestUpdateChecker::check_data()
-{
-    QTest::addColumn<QByteArray>("response"); // empty: nobody listens
-    QTest::addColumn<bool>("logged");
-    QTest::addColumn<QString>("version"); // of the notice; empty: none
-    QTest::addColumn<QUrl>("link");
-    const auto row = [](const char *name, bool logged, const QByteArray &response,
-                        const char *version = "", const char *link = "https://k.test/a") {
-        QTest::newRow(name) << response << logged << QString::fromLatin1(version)
-                            << QUrl(QString::fromLatin1(link));
-    };
-    row("newer", false, feed(item("0.3.0")), "0.3.0");
-    row("numeric", false, feed(item("0.2.10")), "0.2.10");
-    row("same", false, feed(item("0.2.1")));
-    row("same, longer", false, feed(item("0.2.1.0")));
-    row("older", false, feed(item("0.1.9")));
-    row("highest wins", false,
-        feed(item("0.3.0") + item("0.10.0", "http://k.test/b") + item("0.9") + item("9.0-beta")),
-        "0.10.0", "http://k.test/b");
-    row("version element", false,
-        feed("<item><version>0.4</version><link>https://k.test/a</link></item>"), "0.4");
-    row("no web link", false, feed(item("0.3.0", "file:///etc/passwd")), "0.3.0",
-        "https://k.test/hoplift.tar.xz");
-    row("malformed", true, http(rss(item("0.3.0")).chopped(8)));
-    row("not rss", true, http("<html><item><version>1.0</version></item></html>"));
-    row("empty feed", true, feed({}));
-    row("no version", true, feed(item("")));
-    row("not found", true, http(rss(item("0.3.0")), "404 Not Found"));
-    row("refused", true, {});
-    row("huge", true, feed(item("0.3.0") + QByteArray(2 << 20, ' ')));
-}
-
-void TestUpdateChecker::check()
-{
-    QFETCH(QByteArray, response);
-    QFETCH(bool, logged);
-    QFETCH(QString, version);
-    QFETCH(QUrl, link);
-    LoopbackHttpServer server;
-    QVERIFY(server.listenOnLoopback());
-    server.setResponse(response);
-    qputenv("HOPLIFT_APPCAST_URL", (server.baseUrl() + QStringLiteral("/appcast.xml")).toUtf8());
-    if (response.isEmpty())
-        server.close();
-    LogCapture log;
-    QWidget window;
-    UpdateChecker checker(&window);
-    QSignalSpy finished(&checker, &UpdateChecker::finished);
-    QSignalSpy available(&checker, &UpdateChecker::updateAvailable);
-    checker.checkForUpdatesInBackground();
-    QTRY_COMPARE(finished.size(), 1);
-    QCOMPARE(log.lines().size(), logged ? 1 : 0);
-    QCOMPARE(available.size(), version.isEmpty() ? 0 : 1);
-
-    QDialog *notice = nullptr;
-    for (QWidget *w : QApplication::topLevelWidgets()) {
-        if (w->isVisible() && w->windowTitle() == u"Software Update")
-            notice = qobject_cast<QDialog *>(w);
-    }
-    QCOMPARE(notice != nullptr, !version.isEmpty());
-    if (!notice)
-        return;
-    QCOMPARE(available.first(), QVariantList({version, link}));
-    QVERIFY(!notice->isModal() && notice->windowModality() == Qt::NonModal);
-    QStringList texts;
-    for (QLabel *label : notice->findChildren<QLabel *>())
-        texts << label->text();
-    QVERIFY(
-        texts.contains(QStringLiteral("Hoplift %1 is available — you have 0.2.1.").arg(version)));
-    QVERIFY(texts.filter(QStringLiteral("href=\"%1\"").arg(link.toString())).size() == 1);
-    for (QPushButton *button : notice->findChildren<QPushButton *>()) {
-        if (button->text() == u"Later")
-            button->click();
-    }
-    QVERIFY(!notice->isVisible());
-}
 
 QTEST_MAIN(TestUpdateChecker)
 #include "tst_updatechecker.moc"
