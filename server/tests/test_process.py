@@ -40,6 +40,14 @@ class ProcessTest(unittest.TestCase):
                 self.assertEqual((code, server.files()), (0, ["a.txt"]))
                 self.assertLess(seconds, limit)
 
+    def test_a_stop_right_after_listening_on_is_not_missed(self):
+        # The line comes just before the listening loop runs; a stop in that gap must wait for it.
+        for attempt in range(10):
+            with self.subTest(attempt=attempt), Server() as server:
+                code, seconds = server.stop()
+                self.assertEqual(code, 0)
+                self.assertLess(seconds, 1)  # not the 3 s watchdog
+
     def test_bad_start_is_refused_with_a_clear_message(self):
         with Server() as server:
             for args, code, message in REFUSALS + [(["--port", str(server.port)], 1, "cannot listen"),
