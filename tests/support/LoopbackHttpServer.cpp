@@ -100,7 +100,6 @@ void LoopbackHttpServer::onReadyRead(QTcpSocket *socket, int index)
 
     r.complete = true;
     r.sha256 = hashes[index]->result();
-    emit requestComplete(index);
     if (responseDelayMs > 0)
         QTimer::singleShot(responseDelayMs, socket, [this, socket] { answer(socket); });
     else

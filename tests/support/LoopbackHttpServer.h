@@ -53,9 +53,6 @@ public:
     /** @brief Makes a self-signed certificate for 127.0.0.1 with openssl; false on failure. */
     static bool makeSelfSignedCertificate(QSslCertificate *certificate, QSslKey *key);
 
-Q_SIGNALS:
-    void requestComplete(int connection);
-
 protected:
     void incomingConnection(qintptr descriptor) override;
 
